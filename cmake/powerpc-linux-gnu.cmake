@@ -1,0 +1,10 @@
+# The target board: 32-bit big-endian PowerPC, glibc. Debian: g++-powerpc-linux-gnu.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR powerpc)
+set(CMAKE_CXX_COMPILER powerpc-linux-gnu-g++)
+set(CMAKE_FIND_ROOT_PATH /usr/powerpc-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+# Where the build machine has the board's C library, for qemu user emulation.
+set(ENV{QEMU_LD_PREFIX} /usr/powerpc-linux-gnu)

@@ -1,0 +1,21 @@
+// What the clients and servers share about sockets.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+// Sets the send and then the receive time-out of a socket. Returns 0; -1 with a message on failure.
+int COM_SetSocketTimeout(int sock, int seconds);
+
+// Waits for poll `events` on a descriptor, at most *remaining, from which the time used is taken
+// off; a null `remaining` waits for ever. Returns 1 when ready, 0 when the time is over, -1 with
+// errno set.
+int WaitForSocket(int sock, short events, timeval *remaining);
+
+// The address of an IPv4 endpoint; `address` in network order, `port` in the machine's.
+sockaddr_in InternetAddress(in_addr_t address, uint16_t port);
+
+// The same as what bind, connect and sendto take.
+inline const sockaddr *AsSockaddr(const sockaddr_in &address) {
+    return reinterpret_cast<const sockaddr *>(&address);
+}

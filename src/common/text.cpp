@@ -1,0 +1,72 @@
+#include "common/text.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "frame/message.h"
+
+static constexpr char kSource[] = "COMMON";
+
+void CopyText(char *field, size_t size, const char *text) {
+    if (size == 0) {
+        return;
+    }
+    const size_t length = strnlen(text, size - 1);
+    memmove(field, text, length);
+    field[length] = '\0';
+}
+
+const char *COM_StrNCaseStr(const char *text, const char *word) {
+    return text && word ? strcasestr(text, word) : nullptr;
+}
+
+const char *COM_GetStrInDoubleQuotes(const char *text, const char *key, char *out, int size) {
+    return CopyQuotedValue(text, key, out, size, {kSource, __func__});
+}
+
+const char *CopyQuotedValue(const char *text, const char *key, char *out, int size,
+                            const MessageOrigin &origin) {
+    const char *found = COM_StrNCaseStr(text, key);
+    if (!found) {
+        return nullptr;
+    }
+    const char *rest = found + strlen(key);
+    const char *open = strchr(rest, '"');
+    const char *close = open ? strchr(open + 1, '"') : nullptr;
+    if (!close) {
+        return nullptr;
+    }
+    int length = static_cast<int>(close - open - 1);
+    if (length >= size) {
+        TQ_LOG_FOR(origin, "Warning! overflow (len, size) = (%d, %d)\n", length, size);
+        length = size;
+    }
+    memcpy(out, open + 1, static_cast<size_t>(length));
+    out[length] = '\0';
+    return length > 0 ? rest : nullptr;
+}
+
+const char *COM_GetStrBeforeNewLine(const char *text, const char *key, char *out, int size) {
+    const char *found = COM_StrNCaseStr(text, key);
+    if (!found) {
+        return nullptr;
+    }
+    const char *value = found + strlen(key);
+    const char *end = strchr(value, '\r');
+    if (!end) {
+        end = strchr(value, '\n');
+    }
+    if (!end) {
+        return nullptr;
+    }
+    int room = static_cast<int>(end - value) + 1;
+    if (room > size) {
+        TQ_LOG("Warning! overflow (len, size) = (%d, %d)\n", room, size);
+        room = size;
+    }
+    if (room > 0) {
+        memcpy(out, value, static_cast<size_t>(room - 1));
+        out[room - 1] = '\0';
+    }
+    return value;
+}

@@ -1,0 +1,38 @@
+#include "frame/message.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "common/heap.h"
+
+int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
+    int size = 256;
+    HeapBlock<char> text(static_cast<char *>(malloc(static_cast<size_t>(size))));
+    if (!text) {
+        return -1;
+    }
+    while (text) {
+        va_list arguments;
+        va_start(arguments, format);
+        const int length = vsnprintf(text.get(), static_cast<size_t>(size), format, arguments);
+        va_end(arguments);
+        if (length >= 0 && length <= size - 1) {
+            break;
+        }
+        // A negative length is how old C libraries say "too small".
+        size = length >= 0 ? length + 1 : size * 2;
+        char *grown = static_cast<char *>(realloc(text.get(), static_cast<size_t>(size)));
+        if (grown) {
+            static_cast<void>(text.release());
+        }
+        text.reset(grown);
+    }
+    if (!text) {
+        return printf("%s,%d:%s(): Failed to print", file, line, function ? function : "");
+    }
+    if (!function) {
+        return printf("%s,%d: %s", file, line, text.get());
+    }
+    return printf("%s,%d:%s(): %s", file, line, function, text.get());
+}

@@ -1,0 +1,21 @@
+// The one printer of diagnostics: every message goes to standard output, always.
+#pragma once
+
+// Prints "file,line:function(): text", or "file,line: text" when `function` is null. `format` and
+// what follows are as for printf; the text brings its own line break. Returns the number of
+// characters written, or -1 when there was no memory for the text at all.
+int COM_Message(const char *file, int line, const char *function, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// In whose name a helper reports: the source tag and the public function it works for.
+struct MessageOrigin {
+    const char *source;
+    const char *function;
+};
+
+// A diagnostic in one line of code. The .cpp names its source tag once:
+//     static constexpr char kSource[] = "COMMON";
+#define TQ_LOG(...) COM_Message(kSource, __LINE__, __func__, __VA_ARGS__)
+#define TQ_LOG_UNNAMED(...) COM_Message(kSource, __LINE__, nullptr, __VA_ARGS__)
+#define TQ_LOG_FOR(origin, ...) \
+    COM_Message((origin).source, __LINE__, (origin).function, __VA_ARGS__)

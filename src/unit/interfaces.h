@@ -1,0 +1,22 @@
+// The machine's network interfaces, and addresses written as text.
+#pragma once
+
+#include <cstdint>
+
+// One slot of an interface list: a name, zero-terminated.
+struct NetDeviceName {
+    char text[16];
+};
+
+// Lists the interfaces in the kernel's order. *list must be null on entry; the caller frees it.
+// Returns the number of names, or -1.
+int COM_GetAllNetDevice(NetDeviceName **list);
+
+// The same from a file in the format of "/proc/net/dev". Only letters and digits of a name are
+// kept.
+int COM_GetDeviceFromProc(NetDeviceName **list, const char *path);
+
+// Reads "address", "address/netmask" or "address/prefix length" into values of network order. A
+// prefix length n gives the mask whose n low-order bits are set in the machine's own byte order.
+// Returns 0, or -1 when the address is not valid; a mask that is not valid leaves all ones.
+int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask);

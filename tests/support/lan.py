@@ -12,7 +12,7 @@ signals that it gets. The caller's own network namespace, also a private one, is
 """
 import base64
 import ctypes
-import fcntl
+import ipaddress
 import os
 import pathlib
 import re
@@ -28,6 +28,7 @@ from collections import namedtuple
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BASE = pathlib.Path("/mnt")  # a private tmpfs once enter() has been through
+NO_ADDRESS = "000.000.000.000"
 SERVER_PORT, CLIENT_PORT, KIRVEX_PORT = 6666, 6667, 62976
 SKIPPED = 77
 
@@ -83,6 +84,24 @@ def enter(farewell=""):
         signal.signal(number, stop)
     status = os.waitstatus_to_exitcode(os.waitpid(inner, 0)[1])
     os._exit(status if status >= 0 else 128 - status)
+
+
+def package(kind, *fields):
+    """A native package as it stands in a datagram, without the closing zero byte."""
+    text = ",".join(["Moravelle", kind if isinstance(kind, str) else f"{kind:02d}", *fields])
+    return base64.b64encode(bytes(byte ^ 0xFF for byte in text.encode("latin1") + b"\0"))
+
+
+def records(data):
+    """The records of one package, or of a list reply: [kind, model, proj, ...] each."""
+    text = bytes(byte ^ 0xFF for byte in base64.b64decode(data.rstrip(b"\0"), validate=True))
+    assert text.endswith(b"\0")
+    return [record.split(",")[1:] for record in text[:-1].decode("latin1").split("\0")]
+
+
+QUERY = package(0, "tool") + b"\0"
+LIST_REQUEST = package(2, *(["x"] * 3), "1.1.1.1", "80", "255.0.0.0", *(["x"] * 2), "00:00:00:00:00:00",
+                       *(["x"] * 2))
 
 
 class Program(namedtuple("Program", "path emulator")):
@@ -160,6 +179,16 @@ class Host:
         self.nsenter = ["nsenter", "-t", str(self.pid), "-n", "-m", "-u", "-i", "-p", "-r", "-w"]
         self.output.touch()
 
+    def record(self, number=0, **changed):
+        """What the unit says of itself on eth`number`: the eleven fields of a package."""
+        facts, address = self.facts, self.facts["addresses"][number]
+        network = ipaddress.ip_interface(address or "0.0.0.0/0").network
+        fields = {"model": facts["model"], "proj": facts["proj"], "name": self.name,
+                  "ip": address.split("/")[0] if address else NO_ADDRESS, "port": facts["port"],
+                  "netmask": str(network.netmask) if address else NO_ADDRESS, "gateway": facts["gateway"],
+                  "dns": facts["dns"], "mac": self.macs[number], "dev": f"eth{number}", "note": facts["note"]}
+        return list({**fields, **changed}.values())
+
     def run(self, *command, **options):
         """Runs a command (one word: a line for the shell) and returns what it printed."""
         if len(command) == 1:
@@ -178,8 +207,8 @@ class Host:
             self.path(name).unlink(missing_ok=True)
             self.path(name).write_bytes(text.encode("latin1"))
 
-    def socket(self, family=socket.AF_INET, kind=socket.SOCK_DGRAM, protocol=0, bind=None):
-        """A socket of this host's network, for use in this process."""
+    def socket(self, family=socket.AF_INET, kind=socket.SOCK_DGRAM, protocol=0, bind=None, device=None):
+        """A socket of this host's network, for use in this process; tied to `device` if one is named."""
         with open("/proc/self/ns/net") as home, open(f"/proc/{self.pid}/ns/net") as here:
             _call(_libc.setns, here.fileno(), _NEWNET)
             try:
@@ -190,9 +219,24 @@ class Host:
         if family == socket.AF_INET:
             made.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
             made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        if device:
+            made.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, device.encode())
         if bind:
             made.bind(bind)
         return made
+
+    def ask(self, data=QUERY, to="255.255.255.255", quiet=0.5):
+        """Sends a native package from eth0's port 6667 and returns the records of what came until nothing
+        came for `quiet` seconds, in order of arrival."""
+        with self.socket(bind=("", CLIENT_PORT), device="eth0") as client:
+            client.sendto(data, (to, SERVER_PORT))
+            client.settimeout(quiet)
+            found = []
+            while True:
+                try:
+                    found += records(client.recv(65535))
+                except TimeoutError:
+                    return found
 
     def _command(self, arguments):
         return [*self.nsenter, "env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *self.program.emulator,
@@ -267,7 +311,8 @@ class Lan:
                f"link set eth{number} up", host=host)
         if gateway:
             ip(f"route add default via {gateway} dev eth0 onlink", host=host)
-        host.ip = eth0.split("/")[0] if eth0 else None
+        host.facts = {"model": model, "proj": proj, "port": port, "gateway": gateway or NO_ADDRESS, "dns": dns,
+                      "note": note, "addresses": [eth0, eth1]}
         host.write({"etc/Model": model + "\n", "etc/Proj": proj + "\n", "etc/Port": port + "\n",
                     "etc/Note": note + "\n", "etc/resolv.conf": f"nameserver {dns}\n", **dict(files)})
         return host
@@ -329,21 +374,3 @@ def dissect(frame):
     network, transport = seen[IP], seen[UDP]
     return Datagram(seen.dst, network.src, transport.sport, network.dst, transport.dport,
                     bytes(fresh) == frame, bytes(transport.payload))
-
-
-def package(kind, *fields):
-    """A native package as it stands in a datagram, without the closing zero byte."""
-    text = ",".join(["Moravelle", kind if isinstance(kind, str) else f"{kind:02d}", *fields])
-    return base64.b64encode(bytes(byte ^ 0xFF for byte in text.encode("latin1") + b"\0"))
-
-
-def records(data):
-    """The records of one package, or of a list reply: [kind, model, proj, ...] each."""
-    text = bytes(byte ^ 0xFF for byte in base64.b64decode(data.rstrip(b"\0"), validate=True))
-    assert text.endswith(b"\0")
-    return [record.split(",")[1:] for record in text[:-1].decode("latin1").split("\0")]
-
-
-QUERY = package(0, "tool") + b"\0"
-LIST_REQUEST = package(2, *(["x"] * 3), "1.1.1.1", "80", "255.0.0.0", *(["x"] * 2), "00:00:00:00:00:00",
-                       *(["x"] * 2))

@@ -226,15 +226,15 @@ class Host:
         return made
 
     def ask(self, data=QUERY, to="255.255.255.255", quiet=0.5):
-        """Sends a native package from eth0's port 6667 and returns the records of what came until nothing
-        came for `quiet` seconds, in order of arrival."""
+        """Sends a native package from eth0's port 6667 and returns what came until nothing came for `quiet`
+        seconds: for each datagram its records."""
         with self.socket(bind=("", CLIENT_PORT), device="eth0") as client:
             client.sendto(data, (to, SERVER_PORT))
             client.settimeout(quiet)
             found = []
             while True:
                 try:
-                    found += records(client.recv(65535))
+                    found.append(records(client.recv(65535)))
                 except TimeoutError:
                     return found
 

@@ -104,6 +104,26 @@ LIST_REQUEST = package(2, *(["x"] * 3), "1.1.1.1", "80", "255.0.0.0", *(["x"] * 
                        *(["x"] * 2))
 
 
+SEARCH, SETUP, VERIFY, CHANGE, OPTIONS = range(0xA1, 0xA6)
+
+
+def kirvex_request(operation, host=None, body=b"", mode=b"ww", sequence=b"\x12\x34"):
+    """A KIRVEX datagram for one host, or for all."""
+    target = bytes.fromhex(host.macs[0].replace(":", "")) + socket.inet_aton(host.record()[3]) if host else (
+        b"\xff" * 6 + bytes(4))
+    return b"\xfd\xfd" + sequence + struct.pack("<H", operation) + target + mode + struct.pack("<HH", 1, len(body)) + body
+
+
+def kirvex_credentials(*texts):
+    return b"".join(base64.b64encode(text.encode()).ljust(64, b"\0") for text in texts)
+
+
+def kirvex_settings(name, address, netmask, gateway, dns, dhcp):
+    quad = socket.inet_aton
+    return (name.encode().ljust(64, b"\0") + quad(address) + bytes(4) + quad(netmask) + quad(gateway) + quad(dns) +
+            bytes(4) + bytes([dhcp]))
+
+
 class Program(namedtuple("Program", "path emulator")):
     """An executable of TQ, and what runs it when it isn't of this machine."""
 
@@ -264,6 +284,12 @@ class Host:
         """Ends all processes of the host but its init."""
         self.run("kill -9 -1 || :")
         wait_until(lambda: "TQ" not in self.run("cat /proc/[0-9]*/cmdline 2>/dev/null || :"))
+
+    def serve_account_pages(self, scheme):
+        """Starts the stand-in of the appliance's web server on port 8080."""
+        self.write({"opt/account_pages": (TOP / "tests/support/account_pages").read_text()})
+        self.run(f"sh /opt/account_pages {scheme} 8080 >/tmp/lighttpd.log 2>&1 &", stdout=None)
+        wait_until(lambda: ":1F90 " in self.run("cat /proc/net/tcp"))
 
     def log(self):
         return self.output.read_text(encoding="latin1")

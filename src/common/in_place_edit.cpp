@@ -19,12 +19,12 @@ InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
             TQ_LOG_FOR(origin_, "mkstemp() failed : %s\n", strerror(errno));
         }
         temporary_[0] = '\0';
-        return;
-    }
-    created.reset();
-    copy_ = OpenFile(temporary_, "w+");
-    if (!copy_) {
-        TQ_LOG_FOR(origin_, "fopen(%s) failed : %s\n", temporary_, strerror(errno));
+    } else {
+        created.reset();
+        copy_ = OpenFile(temporary_, "w+");
+        if (!copy_) {
+            TQ_LOG_FOR(origin_, "fopen(%s) failed : %s\n", temporary_, strerror(errno));
+        }
     }
     original_ = OpenFile(path_, "r+");
     if (!original_ && rules.createMissing && errno == ENOENT) {

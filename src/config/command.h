@@ -8,7 +8,7 @@
 int COM_System(const char *command, pid_t *pid);
 
 // Replaces the process image by a command: words are split at blanks, the first is the program's
-// path. A line of more than 127 words, or with a word of more than 127 characters, is refused with
+// path. A line of more than 128 words, or with a word of more than 127 characters, is refused with
 // E2BIG. Returns only on failure, with the result of execv.
 int COM_ParserCMD(const char *command);
 

@@ -1,0 +1,63 @@
+#include "config/config_file.h"
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/text.h"
+#include "common/unique_file.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "TQ";
+static constexpr char kNetSetupKey[] = "NETSETUP";
+
+struct TextSetting {
+    const char *key;
+    char (TQ_Cfg::*field)[80];
+};
+
+static constexpr TextSetting kTextSettings[] = {
+    {"NETFILE", &TQ_Cfg::netfile},     {"DNSFILE", &TQ_Cfg::dnsfile},
+    {"NETSCRIPT", &TQ_Cfg::netscript}, {"USERSCRIPT", &TQ_Cfg::userscript},
+    {"PWDFILE", &TQ_Cfg::pwdfile},
+};
+
+static bool BeginsWithKey(const char *line, const char *key) {
+    return strncasecmp(line, key, strlen(key)) == 0;
+}
+
+static void ApplyLine(const char *line, TQ_Cfg *cfg, const MessageOrigin &origin) {
+    if (BeginsWithKey(line, kNetSetupKey)) {
+        if (COM_StrNCaseStr(line + strlen(kNetSetupKey), "YES")) {
+            cfg->netsetup = 1;
+            TQ_LOG_FOR(origin, "NETSETUP = YES\n");
+        }
+        return;
+    }
+    for (const TextSetting &setting : kTextSettings) {
+        if (BeginsWithKey(line, setting.key)) {
+            char *field = cfg->*setting.field;
+            CopyQuotedValue(line, setting.key, field, sizeof(cfg->*setting.field), origin);
+            TQ_LOG_FOR(origin, "%s = [%s]\n", setting.key, field);
+            return;
+        }
+    }
+}
+
+int TQ_ParsetCfg(TQ_Cfg *cfg) {
+    if (!cfg->pCfgFile) {
+        return -1;
+    }
+    const UniqueFile file = OpenFile(cfg->pCfgFile, "r");
+    if (!file) {
+        TQ_LOG("fopen(%s) error : %s\n", cfg->pCfgFile, strerror(errno));
+        return -1;
+    }
+    TQ_LOG("pCfgFile = [%s]\n", cfg->pCfgFile);
+    char line[128];
+    while (fgets(line, sizeof line, file.get())) {
+        ApplyLine(line, cfg, {kSource, __func__});
+    }
+    return 0;
+}

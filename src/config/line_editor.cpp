@@ -1,0 +1,108 @@
+#include "config/line_editor.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <span>
+
+#include "common/in_place_edit.h"
+#include "common/text.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "COMMON";
+static constexpr MessageOrigin kOrigin{kSource, "COM_ReplaceItemsInFile"};
+static constexpr InPlaceEditRules kRules{"/var/COM_XXXXXX", true, true};
+
+static bool Matches(const COM_ReplaceItem &item, const char *line, bool anywhere) {
+    const size_t length = std::min(static_cast<size_t>(item.key_len), sizeof item.key - 1);
+    if (!anywhere) {
+        return strncasecmp(line, item.key, length) == 0;
+    }
+    char key[sizeof item.key];
+    CopyText(key, length + 1, item.key);
+    return strstr(line, key) != nullptr;
+}
+
+static COM_ReplaceItem *FindItem(std::span<COM_ReplaceItem> items, const char *line,
+                                 bool anywhere) {
+    for (COM_ReplaceItem &item : items) {
+        if (item.key_len > 0 && Matches(item, line, anywhere)) {
+            return &item;
+        }
+    }
+    return nullptr;
+}
+
+// Writes the item's line with a line end; nothing when it is empty.
+static bool WriteItemLine(FILE *out, const COM_ReplaceItem &item) {
+    const int length = static_cast<int>(strnlen(item.line, sizeof item.line));
+    return length == 0 || fprintf(out, "%.*s\n", length, item.line) >= 0;
+}
+
+// Writes the file's new text to the copy. Returns the number of items used, or -1.
+static int WriteNewText(InPlaceEdit *edit, const COM_ReplaceItemList &list) {
+    const std::span<COM_ReplaceItem> items(list.items,
+                                           static_cast<size_t>(std::max(list.count, 0)));
+    int used = 0;
+    char line[256];
+    while (edit->ReadLine(line, sizeof line)) {
+        COM_ReplaceItem *item = FindItem(items, line, list.match_anywhere != 0);
+        if (item) {
+            item->key_len = 0;
+            ++used;
+        }
+        if (list.check_only) {
+            continue;
+        }
+        const bool written =
+            item ? WriteItemLine(edit->copy(), *item) : fputs(line, edit->copy()) >= 0;
+        if (!written) {
+            TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s", strerror(errno), line);
+            return -1;
+        }
+    }
+    if (list.append_missing) {
+        for (const COM_ReplaceItem &item : items) {
+            if (item.key_len > 0 && item.line[0] != '\0') {
+                if (!WriteItemLine(edit->copy(), item)) {
+                    TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s\n", strerror(errno), item.key);
+                    return -1;
+                }
+                ++used;
+            }
+        }
+    }
+    if (!list.check_only && !edit->Flush()) {
+        TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s\n", strerror(errno), "");
+        return -1;
+    }
+    return used;
+}
+
+int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list) {
+    InPlaceEdit edit(path, kRules, kOrigin);
+    int result = edit ? WriteNewText(&edit, *list) : -1;
+    if (result != -1 && !list->check_only && !edit.CopyBack()) {
+        result = -1;
+    }
+    edit.Close();
+    // The length is still 0 when the new text never got complete: then the file is emptied, so that
+    // nobody takes half a text for the whole.
+    if (!list->check_only && truncate(path, edit.length()) == -1) {
+        TQ_LOG("truncate(%s) error : %s\n", path, strerror(errno));
+    }
+    return result;
+}
+
+int ReplaceNameServer(const char *path, const char *server) {
+    static constexpr char kKey[] = "nameserver";
+    COM_ReplaceItem item{};
+    item.key_len = sizeof kKey - 1;
+    CopyText(item.key, kKey);
+    snprintf(item.line, sizeof item.line, "%s %s", kKey, server);
+    COM_ReplaceItemList list{1, 0, 0, 0, &item};
+    return COM_ReplaceItemsInFile(path, &list);
+}

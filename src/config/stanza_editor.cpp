@@ -1,0 +1,107 @@
+#include "config/stanza_editor.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/in_place_edit.h"
+
+static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", false, false};
+static constexpr char kStanzaWord[] = "iface";
+static constexpr char kAutoWord[] = "auto";
+
+static bool BeginsWith(const char *line, const char *word) {
+    return strncmp(line, word, strlen(word)) == 0;
+}
+
+// Whether an "iface" line names an interface that begins with `device`. One separator stands
+// between the word and the name.
+static bool NamesDevice(const char *line, const char *device) {
+    return strlen(line) > strlen(kStanzaWord) && BeginsWith(line + strlen(kStanzaWord) + 1, device);
+}
+
+// Writes the file's new text to the copy. Returns 0 or -1.
+static int WriteNewText(InPlaceEdit *edit, const char *device, StanzaWriter writer, void *context,
+                        const MessageOrigin &origin) {
+    int result = 0;
+    bool inStanza = false;
+    char line[128];
+    while (edit->ReadLine(line, sizeof line)) {
+        if (BeginsWith(line, kStanzaWord)) {
+            inStanza = NamesDevice(line, device);
+            if (inStanza) {
+                const StanzaOutcome outcome = writer(edit->copy(), context);
+                if (outcome == StanzaOutcome::kWriteFailed) {
+                    return -1;
+                }
+                if (outcome == StanzaOutcome::kRefused) {
+                    result = -1;
+                }
+            }
+        } else if (BeginsWith(line, kAutoWord)) {
+            inStanza = false;
+        }
+        if (!inStanza && fputs(line, edit->copy()) < 0) {
+            TQ_LOG_FOR(origin, "fprintf() faied : %s : %s", strerror(errno), line);
+            return -1;
+        }
+    }
+    if (!edit->Flush()) {
+        TQ_LOG_FOR(origin, "fprintf() faied : %s : %s\n", strerror(errno), "");
+        return -1;
+    }
+    return result;
+}
+
+int ReplaceStanza(const char *path, const char *device, StanzaWriter writer, void *context,
+                  const MessageOrigin &origin) {
+    InPlaceEdit edit(path, kRules, origin);
+    if (!edit) {
+        return -1;
+    }
+    if (WriteNewText(&edit, device, writer, context, origin) == -1 || !edit.CopyBack()) {
+        return -1;
+    }
+    edit.Close();
+    const long length = edit.length();
+    if (truncate(path, length) == -1) {
+        TQ_LOG_FOR(origin, "truncate(%s, %d) error : %s\n", path, static_cast<int>(length),
+                   strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+bool WriteDhcpStanza(FILE *out, const char *device, const char *hostname) {
+    if (!hostname) {
+        return fprintf(out, "iface %s inet dhcp\n", device) >= 0;
+    }
+    return fprintf(out, "iface %s inet dhcp\n  hostname %s\n\n", device, hostname) >= 0;
+}
+
+static in_addr_t ParseAddress(const char *text) {
+    in_addr address{};
+    inet_aton(text, &address);
+    return address.s_addr;
+}
+
+bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin) {
+    const in_addr_t netmask = ParseAddress(stanza.netmask);
+    if ((ParseAddress(stanza.address) & netmask) == (ParseAddress(stanza.gateway) & netmask)) {
+        return true;
+    }
+    TQ_LOG_FOR(origin, "Skip invalid gateway - [%s]\n", stanza.gateway);
+    return false;
+}
+
+bool WriteStaticStanza(FILE *out, const StaticStanza &stanza, bool withGateway) {
+    if (!withGateway) {
+        return fprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n\n", stanza.device,
+                       stanza.method, stanza.address, stanza.netmask) >= 0;
+    }
+    return fprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n  gateway %s\n\n",
+                   stanza.device, stanza.method, stanza.address, stanza.netmask,
+                   stanza.gateway) >= 0;
+}

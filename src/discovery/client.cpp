@@ -1,0 +1,184 @@
+#include "discovery/client.h"
+
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "common/base64.h"
+#include "common/buffer.h"
+#include "common/heap.h"
+#include "common/socket.h"
+#include "common/unique_fd.h"
+#include "discovery/package.h"
+#include "discovery/raw_broadcast.h"
+#include "frame/message.h"
+#include "unit/interfaces.h"
+#include "unit/net_info.h"
+
+static constexpr char kSource[] = "TQ";
+static constexpr timeval kWait{0, 200000};
+static constexpr int kEmptyWaits = 4;
+static constexpr int kQueries = 2;
+static constexpr size_t kReplySize = 4096;
+
+// What a LAN may send before a collection ends all the same: no crowd of units comes near either,
+// but a sender that never pauses must not hold the server, or its memory, for ever.
+static constexpr int kMostRecords = 65536;
+static constexpr time_t kLongestCollection = 30;  // seconds
+
+static constexpr char kEthernetPrefix[] = "eth";
+
+static void SendPackageOn(const char *device, int type, uint16_t port, char *package) {
+    package[0] = '\0';
+    if (TQ_CreatePackage(device, type, package, nullptr) == 0) {
+        COM_SendUDPBroadcast(device, port, package, static_cast<int>(strlen(package)) + 1);
+    }
+}
+
+void TQ_SendPackage(const char *device, int type, uint16_t port) {
+    const HeapBlock<char> package = ZeroedBlock(kPackageSize);
+    if (!package) {
+        return;
+    }
+    if (device) {
+        SendPackageOn(device, type, port, package.get());
+        return;
+    }
+    NetDeviceName *names = nullptr;
+    const int count = COM_GetAllNetDevice(&names);
+    const HeapBlock<NetDeviceName> owner(names);
+    for (int i = count - 1; i >= 0; --i) {
+        if (strncmp(names[i].text, kEthernetPrefix, strlen(kEthernetPrefix)) == 0) {
+            SendPackageOn(names[i].text, type, port, package.get());
+        }
+    }
+    in_addr gateway;
+    if (COM_GetNetInfo(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
+        SendPackageOn(nullptr, type, port, package.get());
+    }
+}
+
+int TQ_Filter(const UnitInfo *record, const char *filter, uint32_t network) {
+    if (filter && strcasecmp(record->proj, filter) != 0) {
+        return 0;
+    }
+    if (network == 0) {
+        return 1;
+    }
+    char text[sizeof record->ip + sizeof record->netmask];
+    snprintf(text, sizeof text, "%s/%s", record->ip, record->netmask);
+    uint32_t address;
+    uint32_t mask;
+    COM_ConvertNetworkAddr(text, &address, &mask);
+    return (address & mask) == network ? 1 : 0;
+}
+
+int TQ_SortUnitInfo(const void *a, const void *b) {
+    return -strcmp(static_cast<const UnitInfo *>(a)->mac, static_cast<const UnitInfo *>(b)->mac);
+}
+
+// Receives one datagram and appends its record when it is one to keep. Returns how many were.
+static int ReceiveRecord(int sock, UnitInfo **list, int count, const char *filter,
+                         uint32_t network) {
+    char reply[kReplySize + 1];
+    const ssize_t length = recv(sock, reply, kReplySize, 0);
+    if (length < 0) {
+        return 0;
+    }
+    reply[length] = '\0';
+    UnitInfo record{};
+    if (TQ_ParserPackage(reply, &record) != TQ_PACKAGE_UNIT_INFO ||
+        !TQ_Filter(&record, filter, network)) {
+        return 0;
+    }
+    return AppendRecord(list, count, record) ? 1 : 0;
+}
+
+static time_t MonotonicSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network) {
+    UniqueFd sock;
+    sockaddr_in address{};
+    if (TQ_CreateUDPBroadcastSocket(kClientPort, sock.address(), &address) == -1) {
+        TQ_LOG("TQ_CreateUDPBroadcastSocket(%d) failed!\n", kServerPort);
+        return 0;
+    }
+    int count = 0;
+    // Counted over both queries: the first listens until the last empty wait, the second is sent
+    // for whoever listens next, which is the second collection.
+    int emptyWaits = 0;
+    const time_t end = MonotonicSeconds() + kLongestCollection;
+    for (int query = 0; query < kQueries; ++query) {
+        TQ_SendPackage(device, TQ_PACKAGE_QUERY, kServerPort);
+        while (emptyWaits < kEmptyWaits) {
+            timeval wait = kWait;
+            if (WaitForSocket(sock.get(), POLLIN, &wait) < 1) {
+                ++emptyWaits;
+                continue;
+            }
+            count += ReceiveRecord(sock.get(), list, count, filter, network);
+            if (count >= kMostRecords || MonotonicSeconds() > end) {
+                emptyWaits = kEmptyWaits;
+            }
+        }
+    }
+    return count;
+}
+
+// Appends to *list the first repeat of each MAC in a sorted array: what was heard only once is
+// dropped.
+static int FoldRepeats(const UnitInfo *sorted, int total, UnitInfo **list) {
+    int count = 0;
+    const UnitInfo *first = &sorted[0];
+    bool repeated = false;
+    for (int i = 1; i < total; ++i) {
+        if (strcmp(sorted[i].mac, first->mac) != 0) {
+            first = &sorted[i];
+            repeated = false;
+        } else if (!repeated) {
+            repeated = true;
+            count += AppendRecord(list, count, sorted[i]) ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network) {
+    UnitInfo *records[2] = {nullptr, nullptr};
+    int counts[2];
+    HeapBlock<UnitInfo> owners[2];
+    int total = 0;
+    for (int i = 0; i < 2; ++i) {
+        counts[i] = TQ_SubGetAllUnit(device, &records[i], filter, network);
+        owners[i].reset(records[i]);
+        total += counts[i];
+    }
+    if (total == 0) {
+        return -1;
+    }
+    const size_t size = static_cast<size_t>(total) * sizeof(UnitInfo);
+    const HeapBlock<UnitInfo> merged(static_cast<UnitInfo *>(malloc(size)));
+    if (!merged) {
+        TQ_LOG("MALLOC(%d) failed : %s\n", static_cast<int>(size), strerror(errno));
+        return -1;
+    }
+    UnitInfo *end = merged.get();
+    for (int i = 0; i < 2; ++i) {
+        if (counts[i] > 0) {
+            memcpy(end, records[i], static_cast<size_t>(counts[i]) * sizeof(UnitInfo));
+            end += counts[i];
+        }
+    }
+    qsort(merged.get(), static_cast<size_t>(total), sizeof(UnitInfo), TQ_SortUnitInfo);
+    return FoldRepeats(merged.get(), total, list);
+}

@@ -1,0 +1,29 @@
+// The discovery client: finds every unit on the LAN that runs the native server.
+#pragma once
+
+#include <cstdint>
+
+#include "unit/unit_info.h"
+
+inline constexpr uint16_t kServerPort = 6666;
+inline constexpr uint16_t kClientPort = 6667;
+
+// Runs one discovery, which takes 1.6 seconds. `device` is the interface to send on (null: all
+// whose names begin with "eth"), `filter` a project name, letter case ignored, or null, `network` a
+// network number in network order or 0. *list must be null on entry; it becomes a malloc array in
+// descending order of the MAC texts, which the caller frees. A unit is listed when it was heard at
+// least twice. Returns the number of units, or -1 when nothing was received at all.
+int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network);
+
+// One collection, half of a discovery: every record received, copies included. Returns their
+// number.
+int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network);
+
+// Builds a package and broadcasts it on the interface, or on all whose names begin with "eth".
+void TQ_SendPackage(const char *device, int type, uint16_t port);
+
+// 1 to keep the record, 0 to drop it.
+int TQ_Filter(const UnitInfo *record, const char *filter, uint32_t network);
+
+// The comparator of qsort: descending order of the MAC texts.
+int TQ_SortUnitInfo(const void *a, const void *b);

@@ -1,0 +1,25 @@
+// Broadcasts that need no fitting address: whole IPv4/UDP datagrams (RFC 791, RFC 768) built here
+// and handed to the link layer.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// The largest payload of a broadcast.
+inline constexpr int kBroadcastPayloadSize = 1500;
+
+// Broadcasts `size` bytes from and to a UDP port: from 0.0.0.0 to 255.255.255.255, and, when an
+// interface is named and has addresses, from its own to its subnet's broadcast address. Returns 0
+// when the first datagram was sent, else -1. Needs the right to open packet sockets.
+int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size);
+
+// Opens a UDP socket that receives on a port, on the address in *address (network order) or, when
+// that is 0, on any. Fills the rest of *address. Returns 0 or -1; a descriptor stored in *sock is
+// the caller's in both cases.
+int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address);
+
+// The Internet checksum (RFC 1071) of `length` bytes, ready to be stored big-endian. An odd last
+// byte counts as the high byte of a word whose low byte is 0.
+uint16_t COM_CalRawPkgChecksum(const void *buffer, size_t length);

@@ -1,0 +1,315 @@
+#include "discovery/server.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "common/base64.h"
+#include "common/buffer.h"
+#include "common/heap.h"
+#include "common/pause.h"
+#include "common/socket.h"
+#include "common/unique_fd.h"
+#include "config/network_setup.h"
+#include "config/process.h"
+#include "discovery/client.h"
+#include "discovery/package.h"
+#include "discovery/raw_broadcast.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "TQ";
+static constexpr MessageOrigin kOrigin{kSource, "TQ_Server_MORA"};
+
+// A list request always reports this unit as it is on its first interface.
+static constexpr char kListDevice[] = "eth0";
+
+// How long a TCP client may keep the server waiting, for its request and again for its reading.
+static constexpr int kClientSeconds = 5;
+
+namespace {
+
+// A reply to a list request: Base64 text, or nothing when there was no memory.
+struct ListReply {
+    HeapBlock<char> text;
+    size_t length = 0;
+};
+
+class NativeServer {
+  public:
+    NativeServer(const char *device, TQ_Cfg *cfg) : device_(device), cfg_(cfg) {}
+
+    void OpenListener();
+    void OpenUdpSocket();
+    void ServeNext();
+
+  private:
+    bool ServeConnection();
+    void AnswerListRequest(int connection);
+    void ServeDatagram();
+    void AnswerListRequest(const sockaddr_in &asker);
+    void SetUpNetwork(const UnitInfo &package);
+
+    const char *device_;
+    TQ_Cfg *cfg_;
+    UniqueFd listener_;
+    UniqueFd udp_;
+    // This unit on the interface that a setup package names. It is zeroed only here: every filling
+    // after the first doubles the identity texts, so only the first setup package that gets so far
+    // can match. A second one needs a restart, and tools count on that.
+    UnitInfo own_{};
+    char message_[kPackageSize + 1];
+};
+
+}  // namespace
+
+void NativeServer::OpenListener() {
+    UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!sock) {
+        TQ_LOG_FOR(kOrigin, "Create TCP/IP ERROR : %s\n", strerror(errno));
+        return;
+    }
+    TQ_LOG_FOR(kOrigin, "CREATE TCP/IP SOCKET\n");
+    const sockaddr_in address = InternetAddress(INADDR_ANY, kServerPort);
+    if (bind(sock.get(), AsSockaddr(address), sizeof address) == -1) {
+        TQ_LOG_FOR(kOrigin, "bind error() : %s\n", strerror(errno));
+        return;
+    }
+    if (listen(sock.get(), 0) == -1) {
+        TQ_LOG_FOR(kOrigin, "listen() error : %s\n", strerror(errno));
+        return;
+    }
+    TQ_LOG_FOR(kOrigin, "Listen TCP/IP (fd = %d)\n", sock.get());
+    listener_ = static_cast<UniqueFd &&>(sock);
+}
+
+void NativeServer::OpenUdpSocket() {
+    sockaddr_in address{};
+    if (TQ_CreateUDPBroadcastSocket(kServerPort, udp_.address(), &address) == -1) {
+        TQ_LOG_FOR(kOrigin, "TQ_CreateUDPRecvAnyAddrSocket(%d) failed!\n", kServerPort);
+        udp_.reset();
+        return;
+    }
+    TQ_LOG_FOR(kOrigin, "Create UDP Socket (fd = %d)\n", udp_.get());
+}
+
+// A socket that is missing never becomes readable: poll passes over a negative descriptor.
+void NativeServer::ServeNext() {
+    pollfd sockets[] = {{listener_.get(), POLLIN, 0}, {udp_.get(), POLLIN, 0}};
+    if (poll(sockets, 2, -1) < 1) {
+        return;
+    }
+    if (sockets[0].revents != 0 && ServeConnection()) {
+        return;
+    }
+    if (sockets[1].revents != 0) {
+        ServeDatagram();
+    }
+}
+
+// Appends the own record to the list and encodes the texts of all. The list grows by one.
+static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own) {
+    ListReply reply;
+    if (!AppendRecord(list, count, own)) {
+        return reply;
+    }
+    const size_t records = static_cast<size_t>(count) + 1;
+    const HeapBlock<char> texts = ZeroedBlock(records * kUnitTextSize);
+    if (!texts) {
+        return reply;
+    }
+    size_t length = 0;
+    for (size_t i = 0; i < records; ++i) {
+        length += WriteUnitText(TQ_PACKAGE_UNIT_INFO, (*list)[i], texts.get() + length);
+    }
+    COM_XorBuffer(texts.get(), static_cast<int>(length));
+    reply.text = ZeroedBlock(Base64TextSize(length));
+    if (reply.text) {
+        reply.length = static_cast<size_t>(
+            COM_Base64Encode(reply.text.get(), texts.get(), static_cast<int>(length)));
+    }
+    return reply;
+}
+
+// Discovers the LAN and builds the reply. Returns an empty one, with a message, when nobody is
+// there; `format` tells a count.
+static ListReply DiscoverForList(void (*logCount)(int count)) {
+    UnitInfo own{};
+    COM_GetUnitInfo(&own, kListDevice);
+    UnitInfo *list = nullptr;
+    const int count = TQ_GetAllUnit(nullptr, &list, nullptr, 0);
+    ListReply reply;
+    if (count < 1) {
+        TQ_LOG_FOR(kOrigin, "No devices found (%d)\n", count);
+    } else {
+        logCount(count);
+        reply = BuildListReply(&list, count, own);
+    }
+    free(list);
+    return reply;
+}
+
+static timeval TimeLeft(const timeval &end) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    timeval left;
+    timersub(&end, &now, &left);
+    return left;
+}
+
+// Sends all of a reply. A client that does not read is given up after kClientSeconds in all.
+static void SendAll(int connection, const ListReply &reply) {
+    timeval end;
+    gettimeofday(&end, nullptr);
+    end.tv_sec += kClientSeconds;
+    const char *next = reply.text.get();
+    size_t left = reply.length;
+    while (left > 0) {
+        ssize_t sent = -1;
+        const timeval limit = TimeLeft(end);
+        if (limit.tv_sec < 0 || limit.tv_sec > kClientSeconds) {
+            errno = EAGAIN;
+        } else {
+            setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+            sent = send(connection, next, left, MSG_NOSIGNAL);
+        }
+        if (sent < 0) {
+            TQ_LOG_FOR(kOrigin, "send(%d) error : %s\n", static_cast<int>(left), strerror(errno));
+            return;
+        }
+        next += sent;
+        left -= static_cast<size_t>(sent);
+    }
+}
+
+void NativeServer::AnswerListRequest(int connection) {
+    TQ_LOG_FOR(kOrigin, "Client used TCP/IP function to connect server\n");
+    SendAll(connection, DiscoverForList([](int count) {
+                TQ_LOG_FOR(kOrigin, "result_device = %d(not include me)\n", count);
+            }));
+}
+
+// Returns false when there was no connection to be had.
+bool NativeServer::ServeConnection() {
+    const UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!connection) {
+        // Out of descriptors or memory, the connection stays in the queue and the listener
+        // readable.
+        static constexpr timespec kPause{0, 10000000};
+        COM_TakeABreak(kPause, 1000);
+        return false;
+    }
+    COM_SetSocketTimeout(connection.get(), kClientSeconds);
+    const ssize_t length = recv(connection.get(), message_, kPackageSize, MSG_NOSIGNAL);
+    if (length < 0) {
+        TQ_LOG_FOR(kOrigin, "recv() error : %s\n", strerror(errno));
+    }
+    if (length < 1) {
+        return true;
+    }
+    message_[length] = '\0';
+    UnitInfo request{};
+    if (TQ_ParserPackage(message_, &request) == TQ_PACKAGE_LIST_REQUEST) {
+        AnswerListRequest(connection.get());
+    }
+    return true;
+}
+
+void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
+    TQ_LOG_FOR(kOrigin, "Client used UDP function to connect server\n");
+    const ListReply reply =
+        DiscoverForList([](int count) { TQ_LOG_FOR(kOrigin, "result_device = %d\n", count); });
+    if (reply.length == 0) {
+        return;
+    }
+    const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock) {
+        TQ_LOG_FOR(kOrigin, "socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
+        return;
+    }
+    const sockaddr_in client = InternetAddress(asker.sin_addr.s_addr, kClientPort);
+    const ssize_t sent =
+        sendto(sock.get(), reply.text.get(), reply.length, 0, AsSockaddr(client), sizeof client);
+    if (sent == -1) {
+        TQ_LOG_FOR(kOrigin, "sendto() error : %s\n", strerror(errno));
+    } else {
+        TQ_LOG_FOR(kOrigin, "len = %d\n", static_cast<int>(sent));
+    }
+}
+
+void NativeServer::SetUpNetwork(const UnitInfo &package) {
+    TQ_LOG_FOR(kOrigin, "UDP - TQ_PACKAGE_NETWORK_SETUP [%s]\n", package.note);
+    COM_GetUnitInfo(&own_, package.dev);
+    if (TQ_CheckUnitInfo(&own_, &package) == 0) {
+        TQ_SetupNetwork(cfg_, &package);
+    }
+}
+
+void NativeServer::ServeDatagram() {
+    sockaddr_in asker{};
+    socklen_t size = sizeof asker;
+    const ssize_t length = recvfrom(udp_.get(), message_, kPackageSize, MSG_NOSIGNAL,
+                                    reinterpret_cast<sockaddr *>(&asker), &size);
+    if (length < 0) {
+        TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %s\n", strerror(errno));
+        return;
+    }
+    message_[length] = '\0';
+    UnitInfo package{};
+    switch (TQ_ParserPackage(message_, &package)) {
+        case TQ_PACKAGE_QUERY:
+            TQ_SendPackage(device_, TQ_PACKAGE_UNIT_INFO, kClientPort);
+            break;
+        case TQ_PACKAGE_LIST_REQUEST:
+            AnswerListRequest(asker);
+            break;
+        case TQ_PACKAGE_NETWORK_SETUP:
+            if (cfg_->netsetup != 0) {
+                SetUpNetwork(package);
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void TQ_Server_MORA(const char *pidFile, const char *device, TQ_Cfg *cfg) {
+    TQ_ParsetCfg(cfg);
+    NativeServer server(device, cfg);
+    server.OpenListener();
+    COM_SavePid(pidFile ? pidFile : kDefaultPidFile);
+    server.OpenUdpSocket();
+    while (true) {
+        server.ServeNext();
+    }
+}
+
+int TQ_CheckUnitInfo(const UnitInfo *own, const UnitInfo *package) {
+    if (!own || !package) {
+        return -1;
+    }
+    static constexpr std::array<size_t, 6> kIdentity = {
+        offsetof(UnitInfo, model), offsetof(UnitInfo, proj),         offsetof(UnitInfo, name),
+        offsetof(UnitInfo, mac),   offsetof(UnitInfo, trigger_port), offsetof(UnitInfo, dev)};
+    for (const size_t offset : kIdentity) {
+        // A record that has grown runs on from field to field; it ends where the record ends.
+        const char *ownText = reinterpret_cast<const char *>(own) + offset;
+        const char *packageText = reinterpret_cast<const char *>(package) + offset;
+        if (strncmp(ownText, packageText, sizeof(UnitInfo) - offset) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int TQ_SendNetworkSetupPkg(const char *device, uint16_t port, const UnitInfo *info) {
+    const HeapBlock<char> package = ZeroedBlock(kPackageSize);
+    if (!package || TQ_CreatePackage(device, TQ_PACKAGE_NETWORK_SETUP, package.get(), info) == -1) {
+        return -1;
+    }
+    return COM_SendUDPBroadcast(device, port, package.get(),
+                                static_cast<int>(strlen(package.get())) + 1);
+}

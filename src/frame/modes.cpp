@@ -1,0 +1,64 @@
+#include "frame/modes.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "common/heap.h"
+#include "common/text.h"
+#include "common/unique_file.h"
+#include "discovery/client.h"
+#include "discovery/server.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "TQ";
+static constexpr unsigned kKirvexBrand = 16;
+
+int TQ_Client(const char *device, const char *filter) {
+    UnitInfo *list = nullptr;
+    const int count = TQ_GetAllUnit(device, &list, filter, 0);
+    const HeapBlock<UnitInfo> owner(list);
+    if (count > 0) {
+        COM_ShowAllUnitInfo(count, list);
+    } else {
+        TQ_LOG("TQ_GetAllUnit() = %d\n", count);
+    }
+    return count;
+}
+
+// The unsigned decimal number that follows leading blanks; one too large stays at UINT_MAX.
+static unsigned ParseBrand(const char *text) {
+    text += strspn(text, " \t");
+    unsigned brand = 0;
+    for (; *text >= '0' && *text <= '9'; ++text) {
+        const unsigned digit = static_cast<unsigned>(*text - '0');
+        brand = brand > (UINT_MAX - digit) / 10 ? UINT_MAX : brand * 10 + digit;
+    }
+    return brand;
+}
+
+unsigned ReadBrand(const char *path) {
+    const UniqueFile file = OpenFile(path, "r");
+    if (!file) {
+        TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %s\n", path,
+                   strerror(errno));
+        return 0;
+    }
+    unsigned brand = 0;
+    char line[256];
+    while (fgets(line, sizeof line, file.get())) {
+        const char *colon = COM_StrNCaseStr(line, "brandid") ? strchr(line, ':') : nullptr;
+        if (colon) {
+            brand = ParseBrand(colon + 1);
+        }
+    }
+    return brand;
+}
+
+int TQ_Server(const char *pidFile, const char *device, TQ_Cfg *cfg) {
+    if (ReadBrand("/proc/cpuinfo") == kKirvexBrand) {
+        TQ_LOG("The KIRVEX service is not in this build\n");
+        return -1;
+    }
+    TQ_Server_MORA(pidFile, device, cfg);
+}

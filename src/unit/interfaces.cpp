@@ -1,0 +1,112 @@
+#include "unit/interfaces.h"
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/number.h"
+#include "common/text.h"
+#include "common/unique_file.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "COMMON";
+
+int COM_GetAllNetDevice(NetDeviceName **list) {
+    return COM_GetDeviceFromProc(list, "/proc/net/dev");
+}
+
+static NetDeviceName NameFromLine(const char *line, const char *colon) {
+    NetDeviceName name{};
+    size_t length = 0;
+    for (; line < colon && length < sizeof name.text - 1; ++line) {
+        if (isalnum(static_cast<unsigned char>(*line))) {
+            name.text[length++] = *line;
+        }
+    }
+    return name;
+}
+
+int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
+    if (*list) {
+        TQ_LOG("Warnning!! (*pBuf != NULL)\n");
+        return -1;
+    }
+    const UniqueFile file = OpenFile(path, "r");
+    if (!file) {
+        TQ_LOG("fopen(%s) error : %s\n", path, strerror(errno));
+        return -1;
+    }
+    int count = 0;
+    char line[256];
+    while (fgets(line, sizeof line, file.get())) {
+        const char *colon = strchr(line, ':');
+        if (!colon) {
+            continue;
+        }
+        void *grown = realloc(*list, static_cast<size_t>(count + 1) * sizeof(NetDeviceName));
+        if (!grown) {
+            TQ_LOG("REALLOC() failed : %s\n", strerror(errno));
+            continue;
+        }
+        *list = static_cast<NetDeviceName *>(grown);
+        (*list)[count++] = NameFromLine(line, colon);
+    }
+    return count;
+}
+
+// The mask of a prefix length, in the machine's own byte order: on the big-endian board 24 gives
+// 0.255.255.255, and nothing there uses the prefix form.
+static uint32_t MaskOfPrefix(int length) {
+    return length == 0 ? 0 : UINT32_MAX >> (32 - length);
+}
+
+static void ParseMask(const char *token, uint32_t *mask) {
+    static constexpr char kFunction[] = "COM_ConvertNetworkAddr";
+    if (strchr(token, '.')) {
+        in_addr dotted;
+        if (inet_aton(token, &dotted)) {
+            *mask = dotted.s_addr;
+        } else {
+            TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "[%s] is not a valid netmask\n", token);
+        }
+        return;
+    }
+    const int length = ParseInt(token);
+    if (length >= 0 && length <= 32) {
+        *mask = MaskOfPrefix(length);
+    } else {
+        TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "offset : (%s, %d) : isn't resonable\n",
+                   token, length);
+    }
+}
+
+int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask) {
+    static constexpr char kDelimiters[] = "/ \r\n";
+    *address = 0;
+    *mask = UINT32_MAX;
+    char buffer[256];
+    CopyText(buffer, text);
+    in_addr dotted;
+    char *rest = nullptr;
+    const char *token = strtok_r(buffer, kDelimiters, &rest);
+    if (!token) {
+        if (!inet_aton(buffer, &dotted)) {
+            return -1;
+        }
+        *address = dotted.s_addr;
+        return 0;
+    }
+    if (!inet_aton(token, &dotted)) {
+        TQ_LOG_UNNAMED("[%s][%s] is not a valid ip address\n", text, token);
+        return -1;
+    }
+    *address = dotted.s_addr;
+    token = strtok_r(nullptr, kDelimiters, &rest);
+    if (token) {
+        ParseMask(token, mask);
+    }
+    return 0;
+}

@@ -1,0 +1,367 @@
+#include "unit/net_info.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/text.h"
+#include "common/unique_fd.h"
+#include "common/unique_file.h"
+#include "frame/message.h"
+
+static constexpr char kSource[] = "COMMON";
+static constexpr char kDefaultDevice[] = "eth0";
+static constexpr size_t kMacSize = 6;
+
+// A hardware address as the ARP table may write it; only the first six bytes are ever shown.
+using HardwareAddress = std::array<uint8_t, 8>;
+
+enum class MacForm { kHex, kHexLower, kColon, kRaw };
+
+enum class AddressForm { kText, kPadded, kRaw };
+
+// Asks the kernel for one fact of `device`. Returns 0, or -1 with errno set; a socket that can't be
+// had is reported here and leaves errno 0.
+static int QueryInterface(unsigned long code, const char *device, ifreq *request,
+                          const char *function) {
+    const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock) {
+        TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %s\n", strerror(errno));
+        errno = 0;
+        return -1;
+    }
+    *request = {};
+    CopyText(request->ifr_name, device);
+    return ioctl(sock.get(), code, request);
+}
+
+// Joins the bytes from `start` on. A colon follows a byte while its index is below 5 - start: right
+// for whole addresses; the shorter forms have always ended after their second or first byte, and
+// what stands behind is text beyond the terminator.
+static void WriteColonForm(const HardwareAddress &mac, size_t start, char *out) {
+    for (size_t i = start; i < kMacSize; ++i) {
+        char *pair = out + (i - start) * 3;
+        snprintf(pair, 3, "%02X", mac[i]);
+        if (i + start < kMacSize - 1) {
+            memcpy(pair + 2, ":", 2);
+        }
+    }
+}
+
+static void WriteMac(const HardwareAddress &mac, MacForm form, size_t start, void *output) {
+    char *out = static_cast<char *>(output);
+    if (form == MacForm::kRaw) {
+        memcpy(out, mac.data() + start, kMacSize - start);
+        return;
+    }
+    if (form == MacForm::kColon) {
+        WriteColonForm(mac, start, out);
+        return;
+    }
+    for (size_t i = start; i < kMacSize; ++i) {
+        snprintf(out + (i - start) * 2, 3, form == MacForm::kHexLower ? "%02x" : "%02X", mac[i]);
+    }
+}
+
+static void WriteAddress(in_addr address, AddressForm form, void *output) {
+    uint8_t bytes[4];
+    memcpy(bytes, &address, sizeof bytes);
+    char *out = static_cast<char *>(output);
+    switch (form) {
+        case AddressForm::kText:
+            inet_ntop(AF_INET, &address, out, INET_ADDRSTRLEN);
+            break;
+        case AddressForm::kPadded:
+            snprintf(out, sizeof kNoAddressText, "%03d.%03d.%03d.%03d", bytes[0], bytes[1],
+                     bytes[2], bytes[3]);
+            break;
+        case AddressForm::kRaw:
+            memcpy(out, bytes, sizeof bytes);
+            break;
+    }
+}
+
+static void WriteNoAddress(AddressForm form, void *output) {
+    if (form == AddressForm::kRaw) {
+        memset(output, 0, sizeof(in_addr));
+    } else {
+        memcpy(output, kNoAddressText, sizeof kNoAddressText);
+    }
+}
+
+// Splits a line in place into at most `tokens.size()` tokens; the rest are null.
+template <size_t kCount>
+static std::array<char *, kCount> SplitLine(char *line, const char *delimiters) {
+    std::array<char *, kCount> tokens{};
+    char *rest = nullptr;
+    char *token = strtok_r(line, delimiters, &rest);
+    for (size_t i = 0; i < kCount && token; ++i) {
+        tokens[i] = token;
+        token = strtok_r(nullptr, delimiters, &rest);
+    }
+    return tokens;
+}
+
+const char *COM_ConvertNetDevName(const char *name) {
+    if (!name) {
+        return kDefaultDevice;
+    }
+    if (isdigit(static_cast<unsigned char>(name[0])) || strcmp(name, "auto") != 0) {
+        return name;
+    }
+    static constexpr char kInterfaces[] = "/etc/network/interfaces";
+    const UniqueFile file = OpenFile(kInterfaces, "r");
+    if (!file) {
+        TQ_LOG("fopen(%s) error : %s\n", kInterfaces, strerror(errno));
+        return kDefaultDevice;
+    }
+    char line[128];
+    while (fgets(line, sizeof line, file.get())) {
+        if (strstr(line, "auto") && !strstr(line, kDefaultDevice)) {
+            return "ppp0";
+        }
+    }
+    return kDefaultDevice;
+}
+
+// The index of the first byte that a MAC selector shows.
+static size_t FirstMacByte(int selector) {
+    switch (selector) {
+        case NETINFO_MAC_HEX_LAST4:
+        case NETINFO_MAC_COLON_LAST4:
+        case NETINFO_MAC_RAW_LAST4:
+        case NETINFO_ARP_MAC_HEX_LAST4:
+        case NETINFO_ARP_MAC_COLON_LAST4:
+            return kMacSize - 4;
+        case NETINFO_MAC_HEX_LAST3:
+        case NETINFO_MAC_COLON_LAST3:
+        case NETINFO_MAC_RAW_LAST3:
+        case NETINFO_ARP_MAC_HEX_LAST3:
+        case NETINFO_ARP_MAC_COLON_LAST3:
+        case NETINFO_ARP_MAC_RAW_LAST3:
+            return kMacSize - 3;
+        case NETINFO_MAC_RAW_LAST2:
+        case NETINFO_ARP_MAC_RAW_LAST2:
+            return kMacSize - 2;
+        default:
+            return 0;
+    }
+}
+
+int COM_GetMAC(int selector, const char *device, void *output) {
+    ifreq request;
+    HardwareAddress mac{};
+    const int result = QueryInterface(SIOCGIFHWADDR, device, &request, __func__);
+    if (result == 0) {
+        memcpy(mac.data(), request.ifr_hwaddr.sa_data, kMacSize);
+    } else if (errno != 0) {
+        TQ_LOG("ioctl() error : %s\n", strerror(errno));
+    }
+    const MacForm form = selector >= NETINFO_MAC_RAW         ? MacForm::kRaw
+                         : selector >= NETINFO_MAC_COLON     ? MacForm::kColon
+                         : selector == NETINFO_MAC_HEX_LOWER ? MacForm::kHexLower
+                                                             : MacForm::kHex;
+    WriteMac(mac, form, FirstMacByte(selector), output);
+    return result;
+}
+
+// Reads a pair of hex digits at every third character.
+static HardwareAddress ParseHardwareAddress(const char *text) {
+    HardwareAddress mac{};
+    const size_t length = strlen(text);
+    for (size_t i = 0; i < mac.size() && i * 3 < length; ++i) {
+        mac[i] = static_cast<uint8_t>(strtol(text + i * 3, nullptr, 16));
+    }
+    return mac;
+}
+
+static HardwareAddress FindInArpTable(FILE *table, const char *address) {
+    char line[256];
+    while (fgets(line, sizeof line, table)) {
+        const auto tokens = SplitLine<6>(line, " \t\r\n");
+        if (tokens[3] && strcmp(tokens[0], address) == 0) {
+            return ParseHardwareAddress(tokens[3]);
+        }
+    }
+    return {};
+}
+
+int COM_GetArpMAC(int selector, const char *address, void *output) {
+    static constexpr char kArpTable[] = "/proc/net/arp";
+    HardwareAddress mac{};
+    const UniqueFile table = OpenFile(kArpTable, "r");
+    if (table) {
+        mac = FindInArpTable(table.get(), address);
+    } else {
+        TQ_LOG("fopen(%s) fail : %s\n", kArpTable, strerror(errno));
+    }
+    const MacForm form = selector >= NETINFO_ARP_MAC_RAW_LAST3   ? MacForm::kRaw
+                         : selector >= NETINFO_ARP_MAC_COLON     ? MacForm::kColon
+                         : selector == NETINFO_ARP_MAC_HEX_LOWER ? MacForm::kHexLower
+                                                                 : MacForm::kHex;
+    WriteMac(mac, form, FirstMacByte(selector), output);
+    return -1;
+}
+
+int COM_SubGetNetInfo(int selector, const char *device, void *output) {
+    static constexpr unsigned long kRequests[] = {SIOCGIFADDR, SIOCGIFBRDADDR, SIOCGIFNETMASK};
+    static constexpr AddressForm kForms[] = {AddressForm::kText, AddressForm::kPadded,
+                                             AddressForm::kRaw};
+    if (selector < NETINFO_IP_STR || selector > NETINFO_NETMASK_RAW) {
+        TQ_LOG("flag(%d) not implemented.\n", selector);
+        return -1;
+    }
+    const size_t index = static_cast<size_t>(selector - NETINFO_IP_STR);
+    const unsigned long code = kRequests[index / 3];
+    const AddressForm form = kForms[index % 3];
+    ifreq request;
+    if (QueryInterface(code, device, &request, __func__) != 0) {
+        // An interface without an address is nothing to report.
+        if (errno != 0 && errno != EADDRNOTAVAIL) {
+            TQ_LOG("ioctl(%d:%s) error : %s\n", static_cast<int>(code), device, strerror(errno));
+        }
+        WriteNoAddress(form, output);
+        return -1;
+    }
+    sockaddr_in address;
+    memcpy(&address, &request.ifr_addr, sizeof address);
+    WriteAddress(address.sin_addr, form, output);
+    return 0;
+}
+
+// Reads the hexadecimal word that the kernel's route table prints: in memory its bytes are in
+// network order. All ones, and what does not fit into 32 bits, is no address.
+static bool ParseRouteAddress(const char *text, in_addr *address) {
+    errno = 0;
+    const unsigned long value = strtoul(text, nullptr, 16);
+    address->s_addr = static_cast<in_addr_t>(value);
+    return value < UINT32_MAX;
+}
+
+int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
+    static constexpr char kRouteTable[] = "/proc/net/route";
+    static constexpr char kDefault[] = "00000000";
+    enum Column { kDestination = 1, kGateway = 2, kMask = 7, kColumns = 11 };
+    const AddressForm form = selector == NETINFO_GATEWAY_RAW      ? AddressForm::kRaw
+                             : selector == NETINFO_GATEWAY_PADDED ? AddressForm::kPadded
+                                                                  : AddressForm::kText;
+    WriteNoAddress(form, output);
+    const UniqueFile table = OpenFile(kRouteTable, "r");
+    if (!table) {
+        TQ_LOG("fopen(%s) : %s\n", kRouteTable, strerror(errno));
+        return -1;
+    }
+    char line[256];
+    while (fgets(line, sizeof line, table.get())) {
+        const auto columns = SplitLine<kColumns>(line, "\t");
+        if (!columns[kMask] || strcmp(columns[kDestination], kDefault) != 0 ||
+            strcmp(columns[kMask], kDefault) != 0) {
+            continue;
+        }
+        in_addr gateway;
+        if (ParseRouteAddress(columns[kGateway], &gateway)) {
+            WriteAddress(gateway, form, output);
+            return 0;
+        }
+        TQ_LOG("strtoul() error : %s\n", strerror(errno));
+    }
+    return -1;
+}
+
+// Finds the text of the first or second name server. A line that holds "nameserver" anywhere
+// counts, also one that is commented out; when the wanted one names nobody there is none.
+static bool FindNameServer(FILE *file, int ordinal, char *server, size_t size) {
+    static constexpr char kKey[] = "nameserver";
+    char line[160];
+    while (fgets(line, sizeof line, file)) {
+        char *found = strstr(line, kKey);
+        if (!found || --ordinal != 0) {
+            continue;
+        }
+        const auto tokens = SplitLine<1>(found + strlen(kKey), " \t\r\n");
+        if (tokens[0]) {
+            CopyText(server, size, tokens[0]);
+            return true;
+        }
+    }
+    return false;
+}
+
+int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
+    static constexpr char kResolver[] = "/etc/resolv.conf";
+    const bool second = selector == NETINFO_DNS2_STR || selector == NETINFO_DNS2_PADDED ||
+                        selector == NETINFO_DNS2_RAW;
+    const AddressForm form = selector >= NETINFO_DNS1_RAW ? AddressForm::kRaw
+                             : selector == NETINFO_DNS1_PADDED || selector == NETINFO_DNS2_PADDED
+                                 ? AddressForm::kPadded
+                                 : AddressForm::kText;
+    WriteNoAddress(form, output);
+    const UniqueFile file = OpenFile(kResolver, "r");
+    if (!file) {
+        if (errno != ENOENT) {
+            TQ_LOG("fopen(%s) : %s\n", kResolver, strerror(errno));
+        }
+        return -1;
+    }
+    // As wide as the longest line: only the text form is cut to its field.
+    char server[160];
+    if (!FindNameServer(file.get(), second ? 2 : 1, server, sizeof server)) {
+        return -1;
+    }
+    if (form == AddressForm::kText) {
+        CopyText(static_cast<char *>(output), sizeof kNoAddressText, server);
+        return 0;
+    }
+    in_addr address{};
+    inet_aton(server, &address);
+    WriteAddress(address, form, output);
+    return 0;
+}
+
+int COM_GetMTU(int /*selector*/, const char *device, void *output) {
+    ifreq request;
+    if (QueryInterface(SIOCGIFMTU, device, &request, __func__) != 0) {
+        if (errno != 0) {
+            TQ_LOG("ioctl() error : %s\n", strerror(errno));
+        }
+        return -1;
+    }
+    const int32_t mtu = request.ifr_mtu;
+    memcpy(output, &mtu, sizeof mtu);
+    return 0;
+}
+
+int COM_GetNetInfo(int selector, const char *device, void *output) {
+    device = COM_ConvertNetDevName(device);
+    if (selector >= NETINFO_MAC_HEX && selector <= NETINFO_MAC_RAW_LAST2) {
+        return COM_GetMAC(selector, device, output);
+    }
+    if (selector >= NETINFO_ARP_MAC_HEX && selector <= NETINFO_ARP_MAC_RAW_LAST2) {
+        return COM_GetArpMAC(selector, device, output);
+    }
+    if (selector >= NETINFO_IP_STR && selector <= NETINFO_NETMASK_RAW) {
+        return COM_SubGetNetInfo(selector, device, output);
+    }
+    if (selector >= NETINFO_GATEWAY_STR && selector <= NETINFO_GATEWAY_RAW) {
+        return COM_SubGetGateway(selector, device, output);
+    }
+    if (selector >= NETINFO_DNS1_STR && selector <= NETINFO_DNS2_RAW) {
+        return COM_SubGetDNS(selector, device, output);
+    }
+    if (selector == NETINFO_MTU) {
+        return COM_GetMTU(selector, device, output);
+    }
+    memcpy(output, "unknown", sizeof "unknown");
+    TQ_LOG("flag(%d) not implemented yet.\n", selector);
+    return -1;
+}

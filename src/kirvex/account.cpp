@@ -1,0 +1,103 @@
+#include "kirvex/account.h"
+
+#include <cstring>
+
+#include "kirvex/endpoint.h"
+#include "kirvex/web_session.h"
+
+static constexpr char kSource[] = "KIRVEX";
+static constexpr char kDigits[] = "0123456789";
+static constexpr char kAccountCharacters[] =
+    "0123456789\tabcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ!@#*-_+=,./";
+
+// The four texts of a change request, in the order of their areas.
+enum ChangeArea : size_t { kCurrentAccount, kCurrentPassword, kNewAccount, kNewPassword, kAreas };
+using ChangeCredentials = DecodedCredentials<kAreas>;
+
+bool IsAdministrator(const char *account) {
+    static constexpr char kPrefix[] = "admin";
+    return strncmp(account, kPrefix, sizeof kPrefix - 1) == 0;
+}
+
+int KIRVEX_Reply_UserVerification(const char *device, int sock, const sockaddr_in &sender,
+                                  const uint8_t *request) {
+    KirvexReply reply = StartReply(device, request, kx::kVerificationReplySize);
+    const DecodedCredentials<2> credentials(request);
+    reply.Set(kx::kUserPrivilege,
+              IsAdministrator(credentials[0]) ? kx::kAdministrator : kx::kOrdinaryUser);
+    return reply.Send(sock, sender, {kSource, __func__});
+}
+
+static int CheckCharacters(const char *text, const char *allowed) {
+    return text[strspn(text, allowed)] == '\0' ? 0 : -1;
+}
+
+int KIRVEX_CheckAccout(const char *text) {
+    return CheckCharacters(text, kAccountCharacters);
+}
+
+int KIRVEX_CheckPasswd(const char *text) {
+    return CheckCharacters(text, kDigits);
+}
+
+static void Refuse(KirvexReply &reply, uint32_t error) {
+    reply.Set(kx::kMode, kx::kFailure);
+    reply.Set(kx::kErrorNumber, error);
+}
+
+// Whether a text ends exactly where its area does, so that the area behind it is empty.
+static bool FillsArea(const char *text) {
+    return strlen(text) == ChangeCredentials::kAreaSize;
+}
+
+// Refuses texts that can't be those of an account. Returns whether all of them may pass.
+static bool CheckTexts(const ChangeCredentials &texts, KirvexReply &reply) {
+    const char *filled = nullptr;
+    if (FillsArea(texts[kCurrentAccount])) {
+        Refuse(reply, kx::kErrorAccountLength);
+        filled = texts[kCurrentAccount];
+    } else if (KIRVEX_CheckAccout(texts[kNewAccount]) != 0) {
+        Refuse(reply, kx::kErrorNewAccount);
+    } else if (FillsArea(texts[kCurrentPassword])) {
+        Refuse(reply, kx::kErrorPasswordLength);
+        filled = texts[kCurrentPassword];
+    } else if (KIRVEX_CheckPasswd(texts[kNewPassword]) != 0) {
+        Refuse(reply, kx::kErrorNewPassword);
+    } else {
+        return true;
+    }
+    if (filled) {
+        reply.packet[kx::kExtension.offset] =
+            static_cast<uint8_t>(filled[ChangeCredentials::kAreaSize - 1]);
+    }
+    return false;
+}
+
+// Logs in and submits the change; the session id is the caller's to release.
+static void SubmitChange(const char *port, const WebAccount &current, const WebAccount &changed,
+                         char (&sessionId)[kSessionIdSize], KirvexReply &reply) {
+    if (KIRVEX_AppwebLogin(kWebServerHost, port, current, sessionId, sizeof sessionId) == -1) {
+        reply.Set(kx::kMode, kx::kFailure);
+        return;
+    }
+    const int row = KIRVEX_AppWebGetAccountIdx(kWebServerHost, port, current);
+    if (row < 0 ||
+        KIRVEX_AppwebChangeIDPwd(kWebServerHost, port, current, changed, row, sessionId) != 0) {
+        Refuse(reply, kx::kErrorRefused);
+    }
+}
+
+int KIRVEX_Reply_ChangeIDPwd(const char *device, int sock, const sockaddr_in &sender,
+                             const uint8_t *request) {
+    KirvexReply reply = StartReply(device, request, kx::kStatusReplySize);
+    const ChangeCredentials texts(request);
+    const WebServerPort port = ReadWebServerPort();
+    const WebAccount current{texts[kCurrentAccount], texts[kCurrentPassword]};
+    char sessionId[kSessionIdSize] = {};
+    if (CheckTexts(texts, reply)) {
+        SubmitChange(port.text, current, {texts[kNewAccount], texts[kNewPassword]}, sessionId,
+                     reply);
+    }
+    ReleaseWebSession(port.text, current, sessionId, {kSource, __func__});
+    return reply.Send(sock, sender, {kSource, __func__});
+}

@@ -1,0 +1,234 @@
+#include "kirvex/client.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/base64.h"
+#include "common/buffer.h"
+#include "common/pause.h"
+#include "common/socket.h"
+#include "common/text.h"
+#include "common/unique_fd.h"
+#include "kirvex/endpoint.h"
+#include "kirvex/web_session.h"
+#include "unit/net_info.h"
+
+static constexpr char kSource[] = "KIRVEX";
+static constexpr int kReplyWait = 1000;  // milliseconds
+
+// How many datagrams may still be taken once the time is up: about as many as fit in the socket's
+// queue, so that a peer that never stops sending can't hold the caller for ever.
+static constexpr int kLateReplies = 256;
+
+namespace {
+
+// The wait for replies, one second in all.
+class ReplyWait {
+  public:
+    explicit ReplyWait(const MessageOrigin &origin) : origin_(origin) {
+        gettimeofday(&last_, nullptr);
+    }
+
+    // Waits until a datagram is there; false when the time is over.
+    bool Next(int sock) {
+        while (remaining_ > 0 || --late_ > 0) {
+            pollfd wanted{sock, POLLIN, 0};
+            const int ready = poll(&wanted, 1, static_cast<int>((remaining_ + 999) / 1000));
+            const int error = errno;
+            if (ready == 0) {
+                return false;
+            }
+            Shorten();
+            if (ready > 0) {
+                return true;
+            }
+            if (error != EINTR) {
+                TQ_LOG_FOR(origin_, "poll error: %s\n", strerror(error));
+            }
+        }
+        return false;
+    }
+
+  private:
+    void Shorten() {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        timeval later = now;
+        timeval spent;
+        const int backwards = COM_DiffTimeval(&spent, &later, &last_);
+        last_ = now;
+        const int64_t used = int64_t{spent.tv_sec} * 1000000 + spent.tv_usec;
+        if (backwards != 0) {
+            TQ_LOG_FOR(origin_, "time error - Should never happen\n");
+        }
+        remaining_ = backwards != 0 || used > remaining_ ? 0 : remaining_ - used;
+    }
+
+    MessageOrigin origin_;
+    timeval last_;
+    int64_t remaining_ = int64_t{kReplyWait} * 1000;  // microseconds
+    int late_ = kLateReplies;
+};
+
+// One received datagram; what it is too short for reads as zero.
+struct ReceivedReply {
+    uint8_t packet[kx::kSearchReplySize];
+    ssize_t length;
+
+    explicit ReceivedReply(int sock) : packet{} {
+        length = recv(sock, packet, sizeof packet, MSG_TRUNC);
+    }
+    bool IsReply() const { return Is(kx::kIdentifier, kx::kReplyIdentifier); }
+    bool Is(KirvexField field, uint32_t value) const { return ReadInteger(packet, field) == value; }
+};
+
+}  // namespace
+
+static bool IsSearchReply(const ReceivedReply &reply, const MessageOrigin &origin) {
+    if (!reply.IsReply()) {
+        TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX reply packet\n",
+                   ReadInteger(reply.packet, kx::kIdentifier));
+        return false;
+    }
+    if (!reply.Is(kx::kOperation, kx::kDevSearch)) {
+        TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX Discovery packet\n",
+                   ReadInteger(reply.packet, kx::kOperation));
+        return false;
+    }
+    if (!reply.Is(kx::kMode, kx::kSuccess)) {
+        TQ_LOG_FOR(origin, "retcode[0X%04X] - recvive error packet\n",
+                   ReadInteger(reply.packet, kx::kMode));
+        return false;
+    }
+    return true;
+}
+
+// Copies a text field, which may fill its bytes without a terminator.
+template <size_t kSize>
+static void CopyField(char (&out)[kSize], const uint8_t *packet, KirvexField field) {
+    static_assert(kSize <= 64, "never more than a text field holds");
+    CopyText(out, reinterpret_cast<const char *>(packet + field.offset));
+}
+
+static UnitInfo DescribeUnit(const uint8_t *packet) {
+    const uint8_t *settings = packet + kx::kReplySettings;
+    UnitInfo unit{};
+    CopyField(unit.model, packet, kx::kBrandName);
+    CopyField(unit.proj, settings, kx::kCameraName);
+    CopyField(unit.name, settings, kx::kCameraName);
+    CopyText(unit.ip, ReadAddress(settings, kx::kNewAddress).text);
+    snprintf(unit.trigger_port, sizeof unit.trigger_port, "%u",
+             ReadInteger(settings, kx::kWebPort));
+    CopyText(unit.netmask, ReadAddress(settings, kx::kNetmask).text);
+    CopyText(unit.gateway, ReadAddress(settings, kx::kGateway).text);
+    CopyText(unit.dns, ReadAddress(settings, kx::kPrimaryDns).text);
+    CopyText(unit.mac, ReadMac(packet, kx::kBodyMac).text);
+    return unit;
+}
+
+int KIRVEX_DevSearch(const char *device, UnitInfo **list) {
+    const MessageOrigin origin{kSource, __func__};
+    uint8_t request[kx::kHeaderSize] = {};
+    WriteHeader(request, sizeof request, kx::kRequestIdentifier, kx::kDevSearch, kx::kReadMode);
+    memset(request + kx::kMac.offset, 0xFF, kx::kMac.size);
+    UniqueFd sock;
+    if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), true, origin)) {
+        return 0;
+    }
+    SendPacket(sock.get(), InternetAddress(INADDR_BROADCAST, kx::kPort), request, sizeof request,
+               origin);
+    int count = 0;
+    ReplyWait wait(origin);
+    while (wait.Next(sock.get())) {
+        const ReceivedReply reply(sock.get());
+        if (reply.length >= 0 && IsSearchReply(reply, origin) &&
+            AppendRecord(list, count, DescribeUnit(reply.packet))) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+static void WriteAddress(uint8_t *packet, KirvexField field, const char *text) {
+    in_addr address;
+    if (inet_aton(text, &address) != 0) {
+        memcpy(packet + field.offset, &address, field.size);
+    }
+}
+
+static void WriteMac(uint8_t *packet, const char *text) {
+    char copy[sizeof(UnitInfo::mac)];
+    CopyText(copy, text);
+    char *rest = nullptr;
+    const char *token = strtok_r(copy, " :-", &rest);
+    for (size_t i = 0; token && i < kx::kMac.size; ++i) {
+        packet[kx::kMac.offset + i] = static_cast<uint8_t>(strtoul(token, nullptr, 16));
+        token = strtok_r(nullptr, " :-", &rest);
+    }
+}
+
+static void WriteSetRequest(uint8_t *request, in_addr target, const UnitInfo &unit) {
+    static constexpr char kAccount[] = "admin";
+    WriteHeader(request, kx::kSetRequestSize, kx::kRequestIdentifier, kx::kSetBasicInfo,
+                kx::kSetMode);
+    WriteMac(request, unit.mac);
+    memcpy(request + kx::kAddress.offset, &target, kx::kAddress.size);
+    char account[Base64TextSize(sizeof kAccount - 1)];
+    COM_Base64Encode(account, kAccount, sizeof kAccount - 1);
+    WriteText(request, {kx::kCredentials, kx::kCredentialSize}, account);
+    uint8_t *settings = request + kx::kRequestSettings;
+    WriteText(settings, kx::kCameraName, unit.name);
+    WriteAddress(settings, kx::kNewAddress, unit.ip);
+    WriteInteger(settings, kx::kWebPort, ReadWebServerPort().number());
+    WriteAddress(settings, kx::kNetmask, unit.netmask);
+    WriteAddress(settings, kx::kGateway, unit.gateway);
+}
+
+static bool IsAcceptance(const ReceivedReply &reply, const MessageOrigin &origin) {
+    if (!reply.IsReply()) {
+        return false;
+    }
+    if (!reply.Is(kx::kOperation, kx::kSetBasicInfo)) {
+        TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX Set Basic Information packet\n",
+                   ReadInteger(reply.packet, kx::kOperation));
+        return false;
+    }
+    if (!reply.Is(kx::kMode, kx::kSuccess)) {
+        TQ_LOG_FOR(origin, "retcode[0X%04X] - recvive error packet\n",
+                   ReadInteger(reply.packet, kx::kMode));
+        KIRVEX_PrintReplyPkt(reply.packet);
+        return false;
+    }
+    return reply.length == kx::kStatusReplySize;
+}
+
+int KIRVEX_SetBasicInfo(const char *device, const char *target, const UnitInfo *unit) {
+    const MessageOrigin origin{kSource, __func__};
+    in_addr address;
+    if (inet_aton(target, &address) == 0) {
+        return -1;
+    }
+    uint8_t request[kx::kSetRequestSize] = {};
+    WriteSetRequest(request, address, *unit);
+    UniqueFd sock;
+    if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), false, origin) ||
+        SendPacket(sock.get(), InternetAddress(address.s_addr, kx::kPort), request, sizeof request,
+                   origin) == -1) {
+        return -1;
+    }
+    ReplyWait wait(origin);
+    while (wait.Next(sock.get())) {
+        const ReceivedReply reply(sock.get());
+        if (reply.length >= 0 && IsAcceptance(reply, origin)) {
+            break;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,50 @@
+#include "kirvex/endpoint.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/socket.h"
+#include "unit/net_info.h"
+
+static bool SetOption(int sock, int option, const void *value, size_t size,
+                      const MessageOrigin &origin) {
+    if (setsockopt(sock, SOL_SOCKET, option, value, static_cast<socklen_t>(size)) == -1) {
+        TQ_LOG_FOR(origin, "setsockopt error: %s\n", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool OpenKirvexSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin) {
+    *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    if (*sock < 0) {
+        TQ_LOG_FOR(origin, "socket error: %s\n", strerror(errno));
+        return false;
+    }
+    const int on = 1;
+    return SetOption(*sock, SO_BINDTODEVICE, device, strlen(device), origin) &&
+           SetOption(*sock, SO_REUSEADDR, &on, sizeof on, origin) &&
+           (!broadcast || SetOption(*sock, SO_BROADCAST, &on, sizeof on, origin));
+}
+
+int SendPacket(int sock, const sockaddr_in &peer, const uint8_t *packet, size_t size,
+               const MessageOrigin &origin) {
+    if (sendto(sock, packet, size, MSG_NOSIGNAL, AsSockaddr(peer), sizeof peer) == -1) {
+        TQ_LOG_FOR(origin, "sendto error: %s\n", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+KirvexReply StartReply(const char *device, const uint8_t *request, size_t size) {
+    KirvexReply reply{};
+    reply.size = size;
+    WriteHeader(reply.packet, size, kx::kReplyIdentifier,
+                static_cast<uint16_t>(ReadInteger(request, kx::kOperation)), kx::kSuccess);
+    reply.Set(kx::kSequenceNumber, ReadInteger(request, kx::kSequenceNumber));
+    COM_GetNetInfo(NETINFO_MAC_RAW, device, reply.packet + kx::kMac.offset);
+    COM_GetNetInfo(NETINFO_IP_RAW, device, reply.packet + kx::kAddress.offset);
+    return reply;
+}

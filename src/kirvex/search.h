@@ -1,0 +1,26 @@
+// The KIRVEX operations that only read: the device search and the query of option functions.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+
+// What the unit calls itself towards KIRVEX tools, whatever its identity files say.
+inline constexpr char kKirvexBrand[] = "Orvane";
+inline constexpr char kKirvexModel[] = "QVR-7140-16T";
+inline constexpr char kKirvexVersion[] = "1.41";
+
+inline constexpr char kKirvexInterfaces[] = "/mtd1/interfaces";
+
+// Sends the identity and the network facts of an interface to `sender`. Returns 0, or -1 when the
+// reply could not be sent.
+int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &sender,
+                           const uint8_t *request);
+
+// Sends the reply that names no optional function. Returns 0, or -1 when it could not be sent.
+int KIRVEX_Reply_QuerySupportedOptFns(const char *device, int sock, const sockaddr_in &sender,
+                                      const uint8_t *request);
+
+// 1 when a line of "/mtd1/interfaces" holds both the interface name and "dhcp", letter case
+// ignored; else -1, also when the file can't be read.
+int KIRVEX_GetDHCPStatus(const char *device);

@@ -1,0 +1,112 @@
+#include "kirvex/server.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/socket.h"
+#include "common/unique_fd.h"
+#include "config/process.h"
+#include "kirvex/account.h"
+#include "kirvex/endpoint.h"
+#include "kirvex/search.h"
+#include "kirvex/set_basic_info.h"
+#include "unit/net_info.h"
+
+static constexpr char kSource[] = "KIRVEX";
+
+static_assert(kx::kChangeRequestSize <= kKirvexReceiveSize, "requests are read at fixed offsets");
+
+int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockaddr_in *address) {
+    if (!OpenKirvexSocket(sock, device, true, {kSource, __func__})) {
+        return -1;
+    }
+    *address = InternetAddress(INADDR_ANY, kx::kPort);
+    if (bind(*sock, AsSockaddr(*address), sizeof *address) == -1) {
+        TQ_LOG("bind error: %s\n", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+using ReplyFunction = int (*)(const char *, int, const sockaddr_in &, const uint8_t *);
+
+// The reply function of an operation; null for none of ours.
+static ReplyFunction FindOperation(uint32_t operation) {
+    switch (operation) {
+        case kx::kDevSearch:
+            return KIRVEX_Reply_DevSearch;
+        case kx::kSetBasicInfo:
+            return KIRVEX_Reply_SetBasicInfo;
+        case kx::kUserVerification:
+            return KIRVEX_Reply_UserVerification;
+        case kx::kChangeIDPwd:
+            return KIRVEX_Reply_ChangeIDPwd;
+        case kx::kQueryOptFns:
+            return KIRVEX_Reply_QuerySupportedOptFns;
+        default:
+            return nullptr;
+    }
+}
+
+static bool IsSearchMode(uint8_t byte) {
+    return byte == kx::kReadModeByte || byte == kx::kSetModeByte;
+}
+
+int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender,
+                     const uint8_t *packet) {
+    const uint32_t operation = ReadInteger(packet, kx::kOperation);
+    uint8_t own[kx::kHeaderSize] = {};
+    COM_GetNetInfo(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
+    COM_GetNetInfo(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
+    const ReplyFunction reply = FindOperation(operation);
+    if (ReadInteger(packet, kx::kIdentifier) != kx::kRequestIdentifier || !reply) {
+        return -1;
+    }
+    const uint8_t *mode = packet + kx::kMode.offset;
+    bool modeFits = IsSearchMode(mode[0]) && IsSearchMode(mode[1]);
+    if (operation != kx::kDevSearch) {
+        static_assert(kx::kMac.end() == kx::kAddress.offset);
+        if (memcmp(packet + kx::kMac.offset, own + kx::kMac.offset,
+                   kx::kMac.size + kx::kAddress.size) != 0) {
+            TQ_LOG("local mac/ip[%s/%s]\n", ReadMac(own, kx::kMac).text,
+                   ReadAddress(own, kx::kAddress).text);
+            return -1;
+        }
+        modeFits = ReadInteger(packet, kx::kMode) == kx::kSetMode;
+    }
+    if (!modeFits) {
+        TQ_LOG("reqmode[0x%02X%02X] - receive error packet\n", mode[1], mode[0]);
+        return -1;
+    }
+    return reply(device, sock, sender, packet);
+}
+
+int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
+    const char *name = device ? device : "eth0";
+    UniqueFd sock;
+    sockaddr_in address;
+    if (KIRVEX_CreateUDPRecvAnyAddrSocket(name, kx::kPort, sock.address(), &address) == -1) {
+        TQ_LOG("Create KIRVEX UDP Socket port %d failed!\n", kx::kPort);
+        return -1;
+    }
+    TQ_LOG("Create KIRVEX UDP Socket (fd = %d)\n", sock.get());
+    COM_SavePid(pidFile ? pidFile : kDefaultPidFile);
+    // Never cleared again: what a short request does not carry is read from the one before it.
+    uint8_t packet[kKirvexReceiveSize] = {};
+    sockaddr_in sender{};
+    socklen_t senderSize = sizeof sender;
+    while (true) {
+        if (WaitForSocket(sock.get(), POLLIN, nullptr) <= 0) {
+            continue;
+        }
+        if (recvfrom(sock.get(), packet, sizeof packet, MSG_NOSIGNAL,
+                     reinterpret_cast<sockaddr *>(&sender), &senderSize) == -1) {
+            TQ_LOG("recvfrom() failed! : %s\n", strerror(errno));
+            continue;
+        }
+        KIRVEX_ParserPkt(name, sock.get(), sender, packet);
+    }
+}

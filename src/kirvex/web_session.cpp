@@ -1,0 +1,143 @@
+#include "kirvex/web_session.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "common/heap.h"
+#include "common/text.h"
+#include "net/http.h"
+#include "net/http_auth.h"
+#include "unit/identity.h"
+
+static constexpr size_t kLongUrlSize = 576;
+static constexpr char kAccountKey[] = "ACCOUNTSETUP_ACCOUNT";
+static constexpr char kPasswordKey[] = "ACCOUNTSETUP_PASSWORD1";
+static constexpr char kSessionKey[] = "THREAD_ID=";
+static constexpr char kSuccessMark[] = "Success";
+
+WebServerPort ReadWebServerPort() {
+    WebServerPort port{};
+    COM_GetTriggerPort(port.text, sizeof port.text);
+    return port;
+}
+
+enum class Scheme { kNone, kAsAnnounced };
+
+// The body of a page, or nothing.
+static HeapBlock<char> Fetch(const char *url, const WebAccount &account, Scheme scheme) {
+    HttpAuthInfo credentials{};
+    credentials.method = scheme == Scheme::kAsAnnounced ? COM_GetHttpAuthMethod(url) : 0;
+    CopyText(credentials.username, account.name);
+    CopyText(credentials.password, account.password);
+    char *body = nullptr;
+    const int size = COM_GetHttpContent(url, &body, &credentials);
+    HeapBlock<char> page(body);
+    if (size <= 0) {
+        page.reset();
+    }
+    return page;
+}
+
+namespace {
+
+// The query of a request that releases a session.
+struct KickArgument {
+    char text[kLongUrlSize];
+
+    explicit KickArgument(const char *sessionId) {
+        snprintf(text, sizeof text, "%s&%s%s", "ITSELF", kSessionKey, sessionId);
+    }
+};
+
+}  // namespace
+
+static bool ExtractSessionId(const char *page, char *sessionId, size_t size, bool *cut) {
+    if (!COM_GetStrBeforeNewLine(page, "ID=[", sessionId, static_cast<int>(size))) {
+        return false;
+    }
+    char *end = strstr(sessionId, "]</p>");
+    *cut = end != nullptr;
+    if (end) {
+        memset(end, 0, strlen(end));
+    }
+    return true;
+}
+
+int KIRVEX_AppwebLogin(const char *host, const char *port, const WebAccount &account,
+                       char *sessionId, size_t sessionIdSize) {
+    char url[128];
+    snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/login");
+    const HeapBlock<char> page = Fetch(url, account, Scheme::kAsAnnounced);
+    if (!page) {
+        return -1;
+    }
+    char userMark[48];
+    snprintf(userMark, sizeof userMark, "Username=[%s]", account.name);
+    bool complete = false;
+    if (COM_StrNCaseStr(page.get(), userMark) &&
+        ExtractSessionId(page.get(), sessionId, sessionIdSize, &complete)) {
+        return complete ? 0 : -1;
+    }
+    if (COM_StrNCaseStr(page.get(), "There is another administrator online")) {
+        KIRVEX_AppwebForceKick(host, port, account, KickArgument(sessionId).text);
+    }
+    return -1;
+}
+
+int KIRVEX_AppwebForceKick(const char *host, const char *port, const WebAccount &account,
+                           const char *kickArgument) {
+    char url[kLongUrlSize];
+    snprintf(url, sizeof url, "%s:%s/%s?%s", host, port, "Forcekick.set", kickArgument);
+    const HeapBlock<char> page = Fetch(url, account, Scheme::kNone);
+    return COM_StrNCaseStr(page.get(), kSuccessMark) ? 0 : -1;
+}
+
+int KIRVEX_AppWebGetAccountIdx(const char *host, const char *port, const WebAccount &account) {
+    char url[256];
+    snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/account.get");
+    const HeapBlock<char> page = Fetch(url, account, Scheme::kAsAnnounced);
+    // The rows below the header count for nothing: tools rely on every change going to row 0.
+    return page && strstr(page.get(), "Privilege</td></tr>") ? 0 : -1;
+}
+
+// The "Success" that follows `mark` in a page; null when either is missing.
+static const char *FindSuccessOf(const char *page, const char *mark, int row) {
+    char text[sizeof kPasswordKey + 16];
+    snprintf(text, sizeof text, "%s[%d]", mark, row);
+    return COM_StrNCaseStr(strstr(page, text), kSuccessMark);
+}
+
+int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const WebAccount &current,
+                             const WebAccount &changed, int row, const char *sessionId) {
+    char url[kLongUrlSize];
+    if (row != 0) {
+        // Without a port: the web server listens for these on the default one.
+        snprintf(url, sizeof url, "%s/%s?%s[%d]=%s&%s[%d]=%s&%s%s", host, "auth/config.set",
+                 kAccountKey, row, changed.name, kPasswordKey, row, changed.password, kSessionKey,
+                 sessionId);
+    } else {
+        snprintf(url, sizeof url, "%s:%s/%s?%s[%d]=%s&%s%s", host, port, "auth/config.set",
+                 kPasswordKey, row, changed.password, kSessionKey, sessionId);
+    }
+    const HeapBlock<char> page = Fetch(url, current, Scheme::kAsAnnounced);
+    if (!page) {
+        return -1;
+    }
+    if (row == 0) {
+        return COM_StrNCaseStr(page.get(), kSuccessMark) ? 0 : -1;
+    }
+    const char *named = FindSuccessOf(page.get(), kAccountKey, row);
+    if (!named) {
+        return -2;
+    }
+    return FindSuccessOf(named, kPasswordKey, row) ? 0 : -1;
+}
+
+void ReleaseWebSession(const char *port, const WebAccount &account, const char *sessionId,
+                       const MessageOrigin &origin) {
+    const KickArgument argument(sessionId);
+    if (KIRVEX_AppwebForceKick(kWebServerHost, port, account, argument.text) == -1) {
+        TQ_LOG_FOR(origin, "break connection failed - ip[%s] kickArg[%s]\n", kWebServerHost,
+                   argument.text);
+    }
+}

@@ -116,7 +116,8 @@ def network_setup(desk, unit):
     before = {name: unit.path(name).read_text() for name in names}
 
     def send(**changed):
-        desk.ask(lan.package(3, *unit.record(**changed)) + b"\0", to="192.168.1.21")
+        desk.ask(lan.package(3, *unit.record(**changed)) + b"\0", to="192.168.1.21", patience=0)
+        desk.ask(to="192.168.1.21")  # answered when the setup is through
 
     send(ip="192.168.1.121", dns="192.168.1.3", note="static")
     for name in names:

@@ -245,19 +245,18 @@ class Host:
             made.bind(bind)
         return made
 
-    def ask(self, data=QUERY, to="255.255.255.255", quiet=0.5):
-        """Sends a native package from eth0's port 6667 and returns what came until nothing came for `quiet`
-        seconds: for each datagram its records."""
+    def ask(self, data=QUERY, to="255.255.255.255", patience=10):
+        """Sends a native package from eth0's port 6667 and returns for each datagram that came its records.
+        Waits at most `patience` seconds for the first."""
         with self.socket(bind=("", CLIENT_PORT), device="eth0") as client:
             client.sendto(data, (to, SERVER_PORT))
-            return [records(data) for data, _ in collect(client, quiet)]
+            return [records(data) for data, _ in collect(client, patience)]
 
-    def ask_kirvex(self, request, device="eth0", quiet=0.5):
-        """Broadcasts a KIRVEX datagram and returns the (address, reply) pairs that came until nothing came
-        for `quiet` seconds, in order of address."""
+    def ask_kirvex(self, request, device="eth0", patience=10):
+        """Broadcasts a KIRVEX datagram and returns the (address, reply) pairs, in order of address."""
         with self.socket(device=device) as tool:
             tool.sendto(request, ("255.255.255.255", KIRVEX_PORT))
-            return sorted(((sender[0], data) for data, sender in collect(tool, quiet)),
+            return sorted(((sender[0], data) for data, sender in collect(tool, patience)),
                           key=lambda pair: socket.inet_aton(pair[0]))
 
     def _command(self, arguments):
@@ -366,10 +365,11 @@ def wait_until(condition, seconds=30, message=lambda: "waited in vain"):
     return found
 
 
-def collect(sock, quiet):
-    """What a socket gets, with the sender's address, until nothing comes for `quiet` seconds."""
+def collect(sock, patience, quiet=0.4):
+    """What a socket gets, with the senders' addresses, until nothing comes for `quiet` seconds; the first may
+    take `patience` seconds."""
     found = []
-    while select.select([sock], [], [], quiet)[0]:
+    while select.select([sock], [], [], quiet if found else patience)[0]:
         found.append(sock.recvfrom(65535))
     return found
 

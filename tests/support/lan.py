@@ -284,7 +284,11 @@ class Host:
     def stop_all(self):
         """Ends all processes of the host but its init."""
         self.run("kill -9 -1 || :")
-        wait_until(lambda: "TQ" not in self.run("cat /proc/[0-9]*/cmdline 2>/dev/null || :"))
+        wait_until(lambda: "TQ" not in self.processes())
+
+    def processes(self):
+        """The command lines of the host's processes."""
+        return self.run("cat /proc/[0-9]*/cmdline 2>/dev/null || :")
 
     def serve_account_pages(self, scheme):
         """Starts the stand-in of the appliance's web server on port 8080."""
@@ -315,7 +319,8 @@ class Lan:
     def __enter__(self):
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, failure, *_):
+        reports = [host.log() for host in self.hosts if re.search("Sanitizer|runtime error:", host.log())]
         for device in self.devices:
             ip("link del " + device)
         for host in self.hosts:
@@ -324,6 +329,7 @@ class Lan:
             os.waitpid(host.pid, 0)
         for host in self.hosts:
             shutil.rmtree(BASE / host.name, ignore_errors=True)
+        assert failure or not reports, reports[0]
 
     def host(self, name, eth0, eth1=None, gateway=None, dns="192.168.1.2", proj="NVR", port="80",
              model="QVR-7140-16T", note="hall", files=(), **options):

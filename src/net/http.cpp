@@ -16,6 +16,7 @@
 #include "common/format.h"
 #include "common/heap.h"
 #include "common/identification.h"
+#include "common/number.h"
 #include "common/pause.h"
 #include "common/text.h"
 #include "common/unique_fd.h"
@@ -310,7 +311,7 @@ int COM_RequestHttpContent(const char *url, char **result, HttpAuthInfo *auth,
     uint16_t port = kHttpPort;
     if (char *colon = strchr(host, ':')) {
         *colon = '\0';
-        port = static_cast<uint16_t>(strtol(colon + 1, nullptr, 10));
+        port = static_cast<uint16_t>(ParseInt(colon + 1));
     }
     DnsAddrEntry entries[kDnsMaxAddresses] = {};
     if (DNS_GetA(host, entries, timings.resolverSeconds) != 0) {

@@ -50,11 +50,11 @@ static void WriteLittleEndian(uint8_t *bytes, uint32_t value) {
 
 template <size_t kRound, class Mix>
 static void RunRound(State &state, const uint32_t (&words)[kBlockWords], Mix mix) {
-    constexpr const RoundPlan &plan = kPlans[kRound];
     auto step = [&](uint32_t &a, uint32_t b, uint32_t c, uint32_t d, size_t i) {
-        const uint32_t word = words[(plan.firstWord + plan.wordStep * i) % kBlockWords];
+        const uint32_t word =
+            words[(kPlans[kRound].firstWord + kPlans[kRound].wordStep * i) % kBlockWords];
         a = b + std::rotl(a + mix(b, c, d) + word + kSines[kRound * kBlockWords + i],
-                          plan.rotations[i % 4]);
+                          kPlans[kRound].rotations[i % 4]);
     };
     for (size_t i = 0; i < kBlockWords; i += 4) {
         step(state.a, state.b, state.c, state.d, i);

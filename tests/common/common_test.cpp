@@ -1,0 +1,128 @@
+#include <sys/time.h>
+
+#include <csignal>
+
+#include "common/base64.h"
+#include "common/buffer.h"
+#include "common/heap.h"
+#include "common/in_place_edit.h"
+#include "common/pause.h"
+#include "common/text.h"
+#include "support/files.h"
+
+TEST(Common, Base64FollowsTheStandardAndDecodesLeniently) {
+    const struct {
+        const char *text, *encoded;
+    } kVectors[] = {{"", ""},
+                    {"f", "Zg=="},
+                    {"fo", "Zm8="},
+                    {"foo", "Zm9v"},
+                    {"foob", "Zm9vYg=="},
+                    {"fooba", "Zm9vYmE="},
+                    {"foobar", "Zm9vYmFy"},
+                    {"\xfb\xff\xbf", "+/+/"}};
+    for (const auto &vector : kVectors) {
+        const int length = static_cast<int>(strlen(vector.text));
+        const HeapBlock<char> encoded = ZeroedBlock(Base64TextSize(static_cast<size_t>(length)));
+        EXPECT_EQ(static_cast<int>(strlen(vector.encoded)),
+                  COM_Base64Encode(encoded.get(), vector.text, length));
+        EXPECT_STREQ(vector.encoded, encoded.get());
+    }
+    const struct {
+        const char *encoded, *text;
+    } kLenient[] = {{"Zm9v\r\nYmFy", "foobar"}, {" Z g = = Zg==", "f"}, {"Zm9vYg", "foob"},
+                    {"\xffZ-m_9v", "foo"},      {"=Zm9v", ""},          {"Z", ""}};
+    for (const auto &sample : kLenient) {
+        const HeapBlock<char> out = ZeroedBlock(strlen(sample.encoded));
+        const int length = COM_Base64Decode(out.get(), sample.encoded);
+        EXPECT_EQ(sample.text, std::string(out.get(), static_cast<size_t>(length)));
+    }
+    char bounded[2];
+    EXPECT_EQ(2, DecodeBase64(bounded, sizeof bounded, "Zm9vYmFy", 8));
+    EXPECT_EQ(1, DecodeBase64(bounded, sizeof bounded, "ZmXXXX", 2));
+}
+
+TEST(Common, AGrowingBufferIsZeroedBehindTheOffsetAndRefusesWhatDoesNotFit) {
+    void *block = nullptr;
+    ASSERT_TRUE(COM_ReallocAndCopyBuf(4, &block, 0, "abcd", 4));
+    ASSERT_TRUE(COM_ReallocAndCopyBuf(8, &block, 2, "X", 1));
+    EXPECT_EQ(0, memcmp(block, "abX\0\0\0\0\0", 8));
+    void *before = block;
+    for (const int length : {9, -1}) {
+        const std::string output = OutputOf(
+            [&] { EXPECT_EQ(nullptr, COM_ReallocAndCopyBuf(8, &block, 0, "too much", length)); });
+        EXPECT_NE(std::string::npos, output.find("REALLOC(8) failed : ")) << output;
+    }
+    EXPECT_EQ(before, block);
+    free(block);
+    EXPECT_EQ(-1, COM_XorBuffer(nullptr, 3));
+}
+
+TEST(Common, ATimeDifferenceIsNormalised) {
+    const struct {
+        timeval later, earlier, result;
+        int negative;
+    } kCases[] = {{{5, 100}, {3, 900000}, {1, 100100}, 0},
+                  {{3, 0}, {5, 0}, {-2, 0}, 1},
+                  {{5, 2500000}, {5, 0}, {2, 500000}, 0}};
+    for (auto c : kCases) {
+        timeval result;
+        EXPECT_EQ(c.negative, COM_DiffTimeval(&result, &c.later, &c.earlier));
+        EXPECT_EQ(c.result.tv_sec, result.tv_sec);
+        EXPECT_EQ(c.result.tv_usec, result.tv_usec);
+    }
+}
+
+TEST(Common, ABreakThatSignalsCutShortIsMadeUpWithinItsLimit) {
+    EXPECT_EQ("", OutputOf([] { EXPECT_EQ(0, COM_TakeABreak({0, 20000000}, 10)); }));
+    EXPECT_NE(std::string::npos, OutputOf([] {
+                                     EXPECT_EQ(0, COM_TakeABreak({0, 0}, 0));
+                                 }).find("Woops! timeout = 0\n"));
+    struct sigaction handler {};
+    handler.sa_handler = [](int) {};
+    sigaction(SIGALRM, &handler, nullptr);
+    const itimerval often{{0, 2000}, {0, 2000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const std::string output = OutputOf([] { EXPECT_EQ(3, COM_TakeABreak({5, 0}, 3)); });
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_NE(std::string::npos, output.find(": Woops! timeout = 3\n")) << output;
+}
+
+TEST(Common, QuotedValuesAreFoundBehindTheirKeyAndCut) {
+    const struct {
+        const char *text, *key;
+        bool found;
+        const char *value;
+    } kCases[] = {{"NETFILE=\"/x\"", "netfile", true, "/x"},
+                  {"a \"no\" key = \"yes\"", "KEY", true, "yes"},
+                  {"key=\"\"", "key", false, ""},
+                  {"key=\"half", "key", false, "before"},
+                  {"none", "key", false, "before"},
+                  {"key=\"123456789\"", "key", true, "12345678"}};
+    for (const auto &c : kCases) {
+        char out[9] = "before";
+        const std::string output = OutputOf([&] {
+            EXPECT_EQ(c.found, COM_GetStrInDoubleQuotes(c.text, c.key, out, 8) != nullptr)
+                << c.text;
+        });
+        EXPECT_STREQ(c.value, out);
+        EXPECT_EQ(strlen(c.value) == 8,
+                  output.find("Warning! overflow (len, size) = (9, 8)\n") != std::string::npos);
+    }
+    const struct {
+        const char *text, *value;
+    } kLines[] = {{"ID=[abc]\r\nx", "abc]"}, {"id=[abc\nx\ry", "abc\nx"},
+                  {"ID=[abc\n", "abc"},      {"ID=[abc", nullptr},
+                  {"no", nullptr},           {"ID=[0123456789\n", "0123456"}};
+    for (const auto &c : kLines) {
+        char out[8] = "";
+        OutputOf([&] {
+            EXPECT_EQ(c.value != nullptr,
+                      COM_GetStrBeforeNewLine(c.text, "ID=[", out, sizeof out) != nullptr);
+        });
+        EXPECT_STREQ(c.value ? c.value : "", out);
+    }
+    EXPECT_EQ(nullptr, COM_StrNCaseStr(nullptr, "x"));
+    EXPECT_STREQ("text", COM_StrNCaseStr("text", ""));
+}

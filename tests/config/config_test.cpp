@@ -1,0 +1,364 @@
+#include <sys/mount.h>
+
+#include <csignal>
+
+#include "common/unique_file.h"
+#include "config/command.h"
+#include "config/config_file.h"
+#include "config/line_editor.h"
+#include "config/network_setup.h"
+#include "config/process.h"
+#include "config/watchdog.h"
+#include "support/files.h"
+
+TEST(ConfigFile, SetsWhatItsLinesSay) {
+    const std::string eighty(80, 'n');
+    const struct {
+        std::string text;
+        int netsetup;
+        std::string netfile, dnsfile, output;
+    } kCases[] = {
+        {"netsetup=yes\n", 1, "/n", "/d", "NETSETUP = YES\n"},
+        {"NETSETUP=NOYES", 1, "/n", "/d", "NETSETUP = YES\n"},
+        {"NETSETUP=NO\n", 0, "/n", "/d", ""},
+        {"NETSETUP=YES\nNETSETUP=NO\n", 1, "/n", "/d", ""},
+        {" NETFILE=\"/x\"\n#NETFILE=\"/x\"\n", 0, "/n", "/d", ""},
+        {"NETFILE=\"/x\"\r\n", 0, "/x", "/d", "NETFILE = [/x]\n"},
+        {"netfile_old \"/y\" \"/z\"\n", 0, "/y", "/d", "NETFILE = [/y]\n"},
+        {"NETFILE=\"\"\n", 0, "", "/d", "NETFILE = []\n"},
+        {"NETFILE=\"/x\nDNSFILE=\"/e\"\n", 0, "/n", "/e", "NETFILE = [/n]\n"},
+        {"DNSFILE=\"/e\"\nNETFILE=\"" + eighty + "more\"\n", 0, eighty, "",
+         "TQ_ParsetCfg(): Warning! overflow (len, size) = (84, 80)\n"},
+        {"NETFILE=\"" + eighty + "\"\nDNSFILE=\"/e\"\n", 0, eighty + "/e", "/e", ""},
+        {"PWDFILE=\"" + eighty + "\"\n", 0, "/n", "/d", "PWDFILE = [" + eighty + "]\n"},
+        {std::string(127, '#') + "NETFILE=\"/x\"\n", 0, "/x", "/d", ""},
+        {std::string(1 << 20, '\0'), 0, "/n", "/d", ""},
+    };
+    for (const auto &c : kCases) {
+        WriteFile("/tmp/TQ.conf", c.text);
+        TQ_Cfg cfg{};
+        cfg.pCfgFile = "/tmp/TQ.conf";
+        strcpy(cfg.netfile, "/n");
+        strcpy(cfg.dnsfile, "/d");
+        const std::string output = OutputOf([&] { EXPECT_EQ(0, TQ_ParsetCfg(&cfg)); });
+        EXPECT_EQ(c.netsetup, cfg.netsetup) << c.text;
+        EXPECT_EQ(c.netfile, static_cast<const char *>(cfg.netfile)) << c.text;
+        EXPECT_EQ(c.dnsfile, static_cast<const char *>(cfg.dnsfile)) << c.text;
+        EXPECT_NE(std::string::npos, output.find(c.output)) << output;
+    }
+    TQ_Cfg cfg{};
+    cfg.pCfgFile = "/none";
+    EXPECT_NE(std::string::npos,
+              OutputOf([&] {
+                  EXPECT_EQ(-1, TQ_ParsetCfg(&cfg));
+              }).find("TQ_ParsetCfg(): fopen(/none) error : No such file or directory\n"));
+}
+
+static COM_ReplaceItem Item(const char *key, const char *line) {
+    COM_ReplaceItem item{};
+    item.key_len = static_cast<int>(strlen(key));
+    strcpy(item.key, key);
+    strcpy(item.line, line);
+    return item;
+}
+
+TEST(LineEditor, ReplacesDeletesAndAppendsWholeLines) {
+    const std::string longLine(300, 'l');
+    const struct {
+        std::string before;
+        COM_ReplaceItem first, second;
+        int checkOnly, anywhere, append, result;
+        std::string after;
+    } kCases[] = {
+        {"a 1\nb 2\na 3\n", Item("A", "a new"), Item("b", ""), 0, 0, 0, 2, "a new\na 3\n"},
+        {"x a\nb", Item("a", "a new"), Item("b", "b new"), 0, 0, 0, 1, "x a\nb new\n"},
+        {"x a\nA", Item("a", "a new"), Item("A", "A new"), 0, 1, 0, 2, "a new\nA new\n"},
+        {"c\n", Item("a", "a new"), Item("b", ""), 0, 0, 1, 1, "c\na new\n"},
+        {"a\nb\n", Item("a", "x"), Item("b", "y"), 1, 0, 0, 2, "a\nb\n"},
+        {longLine + "\na\r\n", Item("a", "a new"), Item("b", ""), 0, 0, 0, 1,
+         longLine + "\na new\n"},
+        {"", Item("a", "x"), Item("b", "y"), 0, 0, 0, 0, ""},
+        {"100% %s %n\n", Item("a", "%s%n"), Item("b", ""), 0, 0, 1, 1, "100% %s %n\n%s%n\n"},
+    };
+    for (const auto &c : kCases) {
+        WriteFile("/tmp/lines", c.before);
+        Shell("chmod 640 /tmp/lines");
+        COM_ReplaceItem items[] = {c.first, c.second};
+        COM_ReplaceItemList list{2, c.checkOnly, c.anywhere, c.append, items};
+        EXPECT_EQ("", OutputOf([&] {
+                      EXPECT_EQ(c.result, COM_ReplaceItemsInFile("/tmp/lines", &list));
+                  }));
+        EXPECT_EQ(c.after, ReadFile("/tmp/lines"));
+        struct stat status;
+        stat("/tmp/lines", &status);
+        EXPECT_EQ(0640u, status.st_mode & 0777);
+    }
+    EXPECT_EQ(0, ReplaceNameServer("/tmp/created", "1.2.3.4"));
+    EXPECT_EQ("", ReadFile("/tmp/created"));
+    EXPECT_EQ(0, access("/tmp/created", F_OK));
+}
+
+TEST(LineEditor, WhatFailsLeavesNothingBehind) {
+    WriteFile("/tmp/lines", "nameserver 1\n");
+    EXPECT_NE(std::string::npos,
+              OutputOf([] {
+                  EXPECT_EQ(-1, ReplaceNameServer("/tmp", "2"));
+              }).find("COM_ReplaceItemsInFile(): fopen(/tmp) failed : Is a directory\n"));
+    ASSERT_EQ(0, mount("none", "/var", "tmpfs", 0, "size=16k"));
+    Shell("head -c 16384 /dev/zero >/var/full || true");
+    EXPECT_NE(std::string::npos,
+              OutputOf([] {
+                  EXPECT_EQ(-1, ReplaceNameServer("/tmp/lines", "2"));
+              }).find("COM_ReplaceItemsInFile(): fprintf() fail : No space left on device"));
+    // Half a text is never taken for the whole: the file is empty.
+    EXPECT_EQ("", ReadFile("/tmp/lines"));
+    EXPECT_EQ("full\n", ListFolder("/var"));
+    ASSERT_EQ(0, mount("none", "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+    EXPECT_NE(std::string::npos, OutputOf([] {
+                                     EXPECT_EQ(-1, ReplaceNameServer("/tmp/lines", "2"));
+                                 }).find("mkstemp() failed : Read-only file system\n"));
+    ASSERT_EQ(0, umount("/var"));
+}
+
+static constexpr char kInterfaces[] =
+    "# head\nauto lo\niface lo inet loopback\n\nauto eth0\niface eth0 inet static\n  address "
+    "1.1.1.1\n"
+    "# gone\n  up x\nauto eth1\niface eth1 inet dhcp\n";
+
+static std::string WithStanza(const std::string &stanza) {
+    std::string text = kInterfaces;
+    const size_t from = text.find("iface eth0");
+    return text.replace(from, text.find("auto eth1") - from, stanza);
+}
+
+TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
+    const std::string kStatic =
+        "iface eth0 inet static\n  address 192.168.1.10\n  netmask 255.255.255.0\n";
+    const std::string kResolver = "search x\nnameserver 1.1.1.1\nNameServer 2.2.2.2\n";
+    const std::string kNewResolver = "search x\nnameserver 9.9.9.9\nNameServer 2.2.2.2\n";
+    const std::string crlf =
+        "auto eth0\r\niface eth0 inet dhcp\r\n x\r\niface eth0:1 inet dhcp\r\nauto z\r\nlast";
+    const struct {
+        std::string before, resolver;
+        const char *device, *name, *gateway, *method;
+        int result;
+        std::string after, newResolver, message;
+    } kCases[] = {
+        {kInterfaces, kResolver, "eth0", "cam1", "", "dhcp", 0,
+         WithStanza("iface eth0 inet dhcp\n  hostname cam1\n\n"), kResolver,
+         ": \n==\niface eth0 inet dhcp\n  hostname cam1\n\n==\n"},
+        {kInterfaces, kResolver, "eth0", "(none)", "", "dhcp", 0,
+         WithStanza("iface eth0 inet dhcp\n"), kResolver, "hostname (none)"},
+        {kInterfaces, kResolver, "eth0", "n", "192.168.1.1", "static", 0,
+         WithStanza(kStatic + "  gateway 192.168.1.1\n\n"), kNewResolver,
+         "\n==\n" + kStatic + "  gateway 192.168.1.1\n\n==\n"},
+        {kInterfaces, kResolver, "eth0", "n", "10.0.0.1", "static", 0, WithStanza(kStatic + "\n"),
+         kNewResolver, "TQ_SetupNetwork(): Skip invalid gateway - [10.0.0.1]\n"},
+        {kInterfaces, "none\n", "eth0", "n", "10.0.0.1", "static", -1, WithStanza(kStatic + "\n"),
+         "none\n", "Skip invalid"},
+        {kInterfaces, kResolver, "eth9", "n", "", "static", 0, kInterfaces, kResolver, ""},
+        {crlf, kResolver, "eth0", "n", "", "dhcp", 0,
+         "auto eth0\r\niface eth0 inet dhcp\n  hostname n\n\niface eth0 inet dhcp\n  hostname n\n\n"
+         "auto z\r\nlast",
+         kResolver, ""},
+        {"iface\niface eth0\n" + std::string(500, 'x'), "", "eth1", "n", "", "dhcp", 0,
+         "iface\niface eth0\n" + std::string(500, 'x'), "", ""},
+    };
+    Shell("printf '#!/bin/sh\\necho \"$@\" >>/tmp/ran\\n' >/tmp/script; chmod 755 /tmp/script");
+    for (const auto &c : kCases) {
+        WriteFile("/tmp/interfaces", c.before);
+        WriteFile("/tmp/resolver", c.resolver);
+        WriteFile("/tmp/ran", "");
+        TQ_Cfg cfg{};
+        strcpy(cfg.netfile, "/tmp/interfaces");
+        strcpy(cfg.dnsfile, "/tmp/resolver");
+        strcpy(cfg.netscript, "/tmp/script restart  now");
+        strcpy(cfg.userscript, "/tmp/script user");
+        UnitInfo request{};
+        strcpy(request.dev, c.device);
+        strcpy(request.name, c.name);
+        strcpy(request.ip, "192.168.1.10");
+        strcpy(request.netmask, "255.255.255.0");
+        strcpy(request.gateway, c.gateway);
+        strcpy(request.dns, "9.9.9.9");
+        strcpy(request.note, c.method);
+        const std::string output =
+            OutputOf([&] { EXPECT_EQ(c.result, TQ_SetupNetwork(&cfg, &request)); });
+        EXPECT_EQ(c.after, ReadFile("/tmp/interfaces"));
+        EXPECT_EQ(c.newResolver, ReadFile("/tmp/resolver"));
+        EXPECT_NE(std::string::npos, output.find(c.message)) << output;
+        EXPECT_EQ(c.result == 0 ? "restart now\nuser\n" : "", ReadFile("/tmp/ran"));
+        EXPECT_EQ("", ListFolder("-d /tmp/TQ_* 2>/dev/null"));
+    }
+    EXPECT_EQ(-1, TQ_SetupNetwork(nullptr, nullptr));
+}
+
+TEST(NetworkSetup, WhatFailsKeepsTheFile) {
+    TQ_Cfg cfg{};
+    strcpy(cfg.netfile, "/etc/interfaces");
+    UnitInfo request{};
+    strcpy(request.dev, "eth0");
+    strcpy(request.note, "dhcp");
+    EXPECT_NE(std::string::npos,
+              OutputOf([&] {
+                  EXPECT_EQ(-1, TQ_SetupNetwork(&cfg, &request));
+              }).find("TQ_SetupNetwork(): fopen(/etc/interfaces) failed : No such file"));
+    const std::string big = kInterfaces + std::string(65536, '#');
+    WriteFile("/etc/interfaces", big);
+    ASSERT_EQ(0, mount("none", "/tmp", "tmpfs", 0, "size=16k"));
+    EXPECT_NE(std::string::npos,
+              OutputOf([&] {
+                  EXPECT_EQ(-1, TQ_SetupNetwork(&cfg, &request));
+              }).find("TQ_SetupNetwork(): fprintf() faied : No space left on device : "));
+    EXPECT_EQ("", ListFolder("/tmp"));
+    ASSERT_EQ(0, umount("/tmp"));
+    EXPECT_EQ(big, ReadFile("/etc/interfaces"));
+}
+
+TEST(Command, RunsWithoutAShell) {
+    Shell(
+        "printf '#!/bin/sh\\nfor a; do echo \"<$a>\"; done >/tmp/args; ls /proc/$$/fd >/tmp/fds; "
+        "exit 1\\n'"
+        " >/tmp/cmd; chmod 755 /tmp/cmd");
+    const UniqueFile leak(fopen("/tmp/cmd", "r"));
+    pid_t pid = 7;
+    EXPECT_EQ(256, COM_System("/tmp/cmd a  b\tc $HOME;ls ", &pid));
+    EXPECT_EQ(0, pid);
+    EXPECT_EQ("<a>\n<b\tc>\n<$HOME;ls>\n", ReadFile("/tmp/args"));
+    EXPECT_EQ(std::string::npos,
+              ReadFile("/tmp/fds").find(std::to_string(fileno(leak.get())) + "\n"));
+    const std::string longWord(128, 'w');
+    std::string manyWords = "/bin/true";
+    for (int i = 0; i < 128; ++i) {
+        manyWords += " w";
+    }
+    const struct {
+        std::string command;
+        int status;
+        std::string message;
+    } kCases[] = {
+        {"/bin/true", 0, ""},
+        {"true", 127 << 8, "COM_ParserCMD(): [true] error : No such file or directory\n"},
+        {"", 127 << 8, "[] error : No such file"},
+        {"/bin/true " + longWord, 127 << 8, "[/bin/true] error : Argument list too long\n"},
+        {manyWords, 127 << 8, "[/bin/true] error : Argument list too long\n"}};
+    for (const auto &c : kCases) {
+        const std::string output =
+            OutputOf([&] { EXPECT_EQ(c.status, COM_System(c.command.c_str(), nullptr)); });
+        EXPECT_NE(std::string::npos, output.find(c.message)) << output;
+    }
+    EXPECT_NE(std::string::npos, OutputOf([] {
+                                     EXPECT_EQ(-1, COM_System(nullptr, nullptr));
+                                 }).find("COM_System(): pCMD == NULL\n"));
+    WriteFile("/tmp/ended", "kill -TERM $$\n");
+    EXPECT_EQ(SIGTERM, COM_System("/bin/sh /tmp/ended", nullptr));
+}
+
+// A process whose command line begins with `name`.
+static pid_t StartDecoy(const char *name) {
+    const pid_t child = fork();
+    if (child == 0) {
+        execl("/bin/sleep", name, "100", static_cast<char *>(nullptr));
+        _exit(1);
+    }
+    usleep(100000);
+    return child;
+}
+
+// The signal that ended a process; 0 when it goes on, and then it is ended here.
+static int EndOf(pid_t child) {
+    int status = 0;
+    usleep(50000);
+    if (waitpid(child, &status, WNOHANG) == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        return 0;
+    }
+    return WTERMSIG(status);
+}
+
+TEST(Process, SignalsByNameHitTheRightOneAmongDecoys) {
+    const pid_t dhcp = StartDecoy("/sbin/udhcpc");
+    const pid_t second = StartDecoy("udhcpc6");
+    const pid_t kept = StartDecoy("udhcpc-eth0");
+    const pid_t other = StartDecoy("dhcp");
+    const std::string quiet =
+        OutputOf([] { EXPECT_EQ(-1, COM_KillProcbyName("udhcpc", nullptr)); });
+    EXPECT_NE(std::string::npos, quiet.find("COM_KillProcbyName(): isKill[0] Invalid pid["))
+        << quiet;
+    const std::string output =
+        OutputOf([] { EXPECT_EQ(0, COM_KillProcbyName("udhcpc", "eth0", nullptr)); });
+    EXPECT_NE(std::string::npos,
+              output.find("isKill[0] Invalid pid[" + std::to_string(kept) + "]\n"));
+    EXPECT_EQ(SIGTERM, EndOf(dhcp));
+    EXPECT_EQ(SIGTERM, EndOf(second));
+    EXPECT_EQ(0, EndOf(kept));
+    EXPECT_EQ(0, EndOf(other));
+    EXPECT_EQ(-1, COM_KillProcbyName(nullptr, nullptr));
+
+    const pid_t first = StartDecoy("init-one");
+    const pid_t later = StartDecoy("init-two");
+    const pid_t inside = StartDecoy("/sbin/init");
+    EXPECT_NE(std::string::npos, OutputOf([] { EXPECT_EQ(0, COM_SendSignal("init", 0, SIGUSR1)); })
+                                     .find("COM_SendSignal(): [pid:" + std::to_string(getpid()) +
+                                           "] - kill(" + std::to_string(first) + "[init], 10)\n"));
+    EXPECT_EQ(SIGUSR1, EndOf(first));
+    EXPECT_EQ(0, EndOf(inside));
+    EXPECT_EQ(0, COM_SendSignal(nullptr, later, SIGTERM));
+    EXPECT_EQ(SIGTERM, EndOf(later));
+    EXPECT_EQ(-1, COM_SendSignal("init", 0, SIGTERM));
+    EXPECT_NE(std::string::npos,
+              OutputOf([&] {
+                  EXPECT_EQ(-1, COM_SendSignal(nullptr, first, SIGTERM));
+              }).find("kill(" + std::to_string(first) + ", 15) fail : No such process\n"));
+}
+
+TEST(Process, SavesItsPid) {
+    EXPECT_EQ(-1, COM_SavePid("/tmp/pid"));
+    EXPECT_EQ(std::to_string(getpid()), ReadFile("/tmp/pid"));
+    EXPECT_NE(std::string::npos, OutputOf([] {
+                                     COM_SavePid("/none/pid");
+                                 }).find("open(/none/pid) error : No such file"));
+}
+
+TEST(Watchdog, CarriesOutWhatIsDue) {
+    const std::string later = std::to_string(time(nullptr) + 1000);
+    const struct {
+        const char *name;
+        std::string text;
+        bool removed;
+        std::string message;
+    } kCases[] = {
+        {"RERUN", "0,echo 100%% '%s' %n% >/tmp/rerun", true,
+         "TQ_WatchdogRerun(): [0,echo 100%% '%s' %n% >/tmp/rerun] => path = echo 100% '%s' %n%"},
+        {"RERUN", "0", false, "0 sec before re-run [0]!\n"},
+        {"RERUN", later + ",touch /tmp/never", false, " sec before re-run ["},
+        {"RERUN", "x,touch /tmp/never", false, ""},
+        {"RERUN2", "1,true", true, "Parent : Rerun [true] at 1\n"},
+        {"REBOOT.old", "0", true, "- kill("},
+        {"SHUTDOWN", "5\nmore", true, ", 10)\n"},
+        {"SHUTDOWN", later, false, ""},
+        {"REBOOT", "-5", false, ""},
+        {"REBOOT", "", false, ""},
+        {"reboot", "0", false, ""},
+        {"lost+found", "0", false, ""},
+    };
+    Shell("mkdir /var/watchdog");
+    for (const auto &c : kCases) {
+        const std::string path = std::string("/var/watchdog/") + c.name;
+        const pid_t init = StartDecoy("init");
+        WriteFile(path, c.text);
+        const std::string output = OutputOf([] { ScanWatchdogFolder("/var/watchdog"); });
+        EXPECT_EQ(c.removed, access(path.c_str(), F_OK) != 0) << c.name << c.text;
+        EXPECT_NE(std::string::npos, output.find(c.message)) << output;
+        remove(path.c_str());
+        kill(init, SIGKILL);
+        waitpid(init, nullptr, 0);
+    }
+    usleep(200000);
+    EXPECT_EQ("100% %s %n%\n", ReadFile("/tmp/rerun"));
+    EXPECT_NE(0, access("/tmp/never", F_OK));
+    EXPECT_NE(std::string::npos, OutputOf([] {
+                                     TQ_Watchdog(nullptr);
+                                 }).find("TQ_Watchdog(): Invalid pFolder - Watchdog exit\n"));
+}

@@ -1,0 +1,155 @@
+#include "net/dns.h"
+
+#include <bit>
+#include <random>
+
+#include "net/peers.h"
+
+static const std::string kHeader = "\xA9\xFA\1\0\0\1\0\0\0\0\0\0"s, kTail = "\0\0\1\0\1"s;
+
+// The addresses of the first entries, "-" for one that isn't valid.
+static std::string Listed(const DnsAddrEntry *entries, int count) {
+    std::string list;
+    for (const DnsAddrEntry *entry = entries; entry < entries + count; ++entry) {
+        EXPECT_EQ(entry->valid, entry->kind);
+        list += (entry->valid ? inet_ntoa(in_addr{entry->addr}) : "-") + " "s;
+    }
+    return list;
+}
+
+static std::string Reply(char count, const std::string &answers) {
+    return "\xA9\xFA\x81\x80\0\1\0"s + count + "\0\0\0\0\2ab\3cde"s + kTail + answers;
+}
+
+static std::string Answer(const std::string &address, char timeToLive = 0) {
+    return "\xC0\x0C\0\1\0\1\0\0\0"s + timeToLive + "\0\4"s + address;
+}
+
+TEST(Dns, QueryPacket) {
+    const std::string label(300, 'x');
+    const std::pair<std::string, std::string> cases[] = {{"ab.cde", "\2ab\3cde"},
+                                                         {"x@ab.cde", "\2ab\3cde"},
+                                                         {"a.b.", "\1a\2b."},
+                                                         {"a..b", "\1a\0\1b"s},
+                                                         {".a", "\0\1a"s},
+                                                         {"x.y@", "\0"s},
+                                                         {".", "\1."},
+                                                         {label, "\x2C" + label},
+                                                         {label + ".y", "\x2C" + label + "\1y"}};
+    std::vector<unsigned char> packet(kDnsQuerySize);
+    for (const auto &[name, labels] : cases) {
+        const int length = DNS_CreateOutPacket(name.c_str(), packet.data(), 1);
+        EXPECT_EQ(std::string(packet.data(), packet.data() + length), kHeader + labels + kTail);
+    }
+    EXPECT_EQ(DNS_CreateOutPacket(std::string(1006, '.').c_str(), packet.data(), 1), 1024);
+    EXPECT_EQ(DNS_CreateOutPacket(std::string(1007, '.').c_str(), packet.data(), 1), -1);
+}
+
+TEST(Dns, ScansReplies) {
+    const std::string one = Answer("\1\2\3\4"), two = one + Answer("\5\6\7\x8");
+    const std::string list = "1.2.3.4 5.6.7.8 ";
+    const std::pair<std::string, std::string> cases[] = {
+        {Reply(3, two), list + "- "},
+        {Reply(12, two + two + two + two + two + two), list + list + list + list + list},
+        {Reply(0, one), ""},
+        // A zero address isn't passed over; a 4 in a time to live is taken for the length.
+        {Reply(2, Answer("\0\0\0\0"s) + one), "- - "},
+        {Reply(1, Answer("\1\2\3\4", 4)), "0.4.1.2 "},
+        // An address that the end cuts off; no length of 4; too short; just long enough.
+        {Reply(1, one.substr(0, 14)), "1.2.0.0 "},
+        {Reply(1, one.substr(0, 8)), ""},
+        {Reply(1, "").substr(0, 17), ""},
+        {Reply(1, "").substr(0, 15) + "\0\4\x7F"s, "127.0.0.0 "}};
+    for (const auto &[reply, addresses] : cases) {
+        DnsAddrEntry entries[kDnsMaxAddresses] = {};
+        const std::vector<unsigned char> bytes(reply.begin(), reply.end());
+        const int result = DNS_ParserAPacket(bytes.data(), static_cast<int>(bytes.size()), entries);
+        EXPECT_EQ(result, addresses.empty() ? -1 : 0);
+        EXPECT_EQ(Listed(entries, result == 0 ? std::min<int>(reply[7], 10) : 0), addresses);
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < 5000; ++i) {
+        std::vector<unsigned char> bytes(12 + random() % 1012);
+        std::generate(bytes.begin(), bytes.end(),
+                      [&] { return random() % (random() % 4 ? 256 : 5); });
+        DnsAddrEntry entries[kDnsMaxAddresses] = {};
+        DNS_ParserAPacket(bytes.data(), static_cast<int>(bytes.size()), entries);
+    }
+}
+
+TEST(Dns, AsksAtMostThreeTimes) {
+    const std::string good = Reply(1, Answer("\1\2\3\4")), none = Reply(0, "");
+    const std::string refusal = "\xA9\xFA\x81\x83"s + none.substr(4);
+    const std::string mirrored = "\x83\x81\xFA\xA9"s + none.substr(4);
+    constexpr bool kLittle = std::endian::native == std::endian::little;
+    const std::tuple<std::vector<std::string>, int, int> cases[] = {
+        {{good}, 0, 1},
+        {{none, "\xA9", good}, 0, 3},
+        {{"", good}, 0, 2},  // none in time
+        {{none, none, none}, -1, 3},
+        {{refusal, refusal, refusal}, -1, kLittle ? 1 : 3},
+        {{mirrored, mirrored, mirrored}, -1, kLittle ? 3 : 1}};
+    const BoundSocket client(SOCK_DGRAM);
+    DnsAddrEntry entries[kDnsMaxAddresses] = {};
+    for (const auto &[answers, result, queries] : cases) {
+        const BoundSocket server(SOCK_DGRAM);
+        int asked = 0;
+        std::thread thread([&, &script = answers] {
+            for (; asked < static_cast<int>(script.size()) && Readable(server.fd.get(), 1500);
+                 ++asked) {
+                char query[2048];
+                const ssize_t length = recv(server.fd.get(), query, sizeof query, 0);
+                EXPECT_EQ(std::string(query, length), kHeader + "\2ab\3cde" + kTail);
+                sendto(script[asked].empty() ? -1 : server.fd.get(), script[asked].data(),
+                       script[asked].size(), 0, AsSockaddr(client.address), sizeof client.address);
+            }
+        });
+        EXPECT_EQ(DNS_SendAQuery(client.fd.get(), &server.address, "ab.cde", entries, 1), result);
+        thread.join();
+        EXPECT_EQ(asked, queries);
+    }
+    EXPECT_EQ(Listed(entries, 2), "1.2.3.4 - ");
+    const sockaddr_in broadcast = InternetAddress(INADDR_BROADCAST, 53);  // not allowed
+    EXPECT_EQ(DNS_SendAQuery(client.fd.get(), &broadcast, "ab.cde", entries, 1), -2);
+}
+
+TEST(Dns, NameServersOfTheFile) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"nameserver 1.1.1.1\r\nnameserver  2.2.2.2 \nnameservers 3.3.3.3 x\nnameserver 4.4.4.4\n"
+         "nameserver 5.5.5.5\nnameserver 6.6.6.6\n",
+         "1.1.1.1 2.2.2.2 3.3.3.3 4.4.4.4"},
+        {"nameserver\t1.1.1.1\n nameserver 2.2.2.2\nNameserver 3.3.3.3\nnameserver\n"
+         "nameserver 1234567890123456\n",
+         "123456789012345   "}};
+    for (const auto &[text, servers] : cases) {
+        WriteFile("/etc/resolv.conf", text);
+        char found[4][kDnsNameServerSize] = {};
+        DNS_GetNameServer(found[0], found[1], found[2], found[3]);
+        EXPECT_EQ(found[0] + " "s + found[1] + " " + found[2] + " " + found[3], servers);
+    }
+}
+
+TEST(Dns, AsksARealServer) {
+    ASSERT_TRUE(HaveNameServer());
+    const std::tuple<std::string, const char *, const char *, const char *> cases[] = {
+        {"127.0.0.1", "user@one.test", "10.0.0.1 - ", ""},
+        {"127.0.0.1", "nvr.test", "127.0.0.1 127.0.0.77 ", ""},
+        {"127.0.0.1", "alias.test", "10.0.0.1 - ", ""},
+        {"127.0.0.1", "absent.test", "", "DNS_GetAviaNameServer(): A record not found!\n"},
+        {"127.0.0.9\nnameserver 127.0.0.1", "one.test", "10.0.0.1 - ", "[2] select() timeout\n"},
+        {"", "127.0.0.7", "127.0.0.7 - ", ""},
+        {"x.y", "one.test", "", "DNS_GetAviaNameServer(): inet_addr(x.y) error : "},
+        {"", "one.test", "", "DNS_GetA(): no nameserver found\n"},
+        {"", "localhost", "", "DNS_GetA(): invalid pDomainName [localhost]\n"},
+        {"", nullptr, "", "DNS_GetA(): pDomainName is NULL!\n"}};
+    for (const auto &[servers, name, addresses, message] : cases) {
+        WriteFile("/etc/resolv.conf", "nameserver " + servers + "\n");
+        DnsAddrEntry entries[kDnsMaxAddresses] = {};
+        const Outcome got = OBSERVE(DNS_GetA(name, entries, 1));
+        EXPECT_TRUE(Holds(got.messages, message)) << got.messages;
+        if (entries[1].valid && ntohl(entries[1].addr) < ntohl(entries[0].addr)) {
+            std::swap(entries[0], entries[1]);  // a server hands several out in turn
+        }
+        EXPECT_EQ(got.result == 0 ? Listed(entries, 2) : "", addresses);
+    }
+}

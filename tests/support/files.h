@@ -1,0 +1,49 @@
+// Files and output as the tests see them.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+inline void WriteFile(const std::string &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+inline std::string ReadFile(const std::string &path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+// What a call printed.
+template <class Call>
+std::string OutputOf(Call call) {
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    call();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+// Runs a shell command of the test's own and expects it to succeed.
+inline void Shell(const std::string &command) {
+    ASSERT_EQ(0, system(command.c_str())) << command;
+}
+
+// The names in a folder.
+inline std::string ListFolder(const std::string &path) {
+    std::string text;
+    FILE *pipe = popen(("ls " + path).c_str(), "r");
+    for (int c; (c = fgetc(pipe)) != EOF;) {
+        text += static_cast<char>(c);
+    }
+    pclose(pipe);
+    return text;
+}

@@ -66,18 +66,18 @@ TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
         for (const auto &row : cases) {
             SCOPED_TRACE(testing::PrintToString(row.texts) + (digest ? "digest" : "basic"));
             Child web = StartPages(digest ? "digest" : "basic");
-            WriteAll(kPages + "session", row.session);
+            WriteFile(kPages + "session", row.session);
             const bool filled = row.error == 1002 || row.error == 1012;
             EXPECT_EQ(
                 Ask(Header(0xA4) + Credentials(row.texts)),
                 StatusReply(0xA4, row.error != 0, std::max(row.error, 0), 0, 0, filled ? 'Z' : 0));
             web.Stop();
-            std::string log = ReadAll(kPages + "log");
+            std::string log = ReadFile(kPages + "log");
             if (log.find("400") != std::string::npos) {
                 log.replace(log.find("400"), 3, "401");  // the name with a line end in Digest
             }
             EXPECT_EQ(log, WebLog(row.requests, digest, row.texts[3]));
-            EXPECT_EQ(ReadAll(kPages + "passwd"),
+            EXPECT_EQ(ReadFile(kPages + "passwd"),
                       "admin:" + (row.error ? "1234" : row.texts[3]) + "\n");
         }
     }
@@ -113,17 +113,16 @@ TEST(KirvexAccount, OutlivesABrokenWebServer) {
     };
     const Child server = StartServer();
     const std::string request = Header(0xA4) + Credentials({"admin", "1234", "admin", "5678"});
-    const std::string descriptors = "ls /proc/" + std::to_string(server.pid()) + "/fd >/tmp/fds";
+    const std::string descriptors = "/proc/" + std::to_string(server.pid()) + "/fd";
     EXPECT_EQ(Ask(request), StatusReply(0xA4, 1, 0)) << "no web server at all";
-    Shell(descriptors);
-    const std::string open = ReadAll("/tmp/fds");
+    const std::string open = ListFolder(descriptors);
     for (const auto &row : cases) {
         SCOPED_TRACE(row.answer.substr(0, 80));
-        WriteAll(kServerLog, "");
+        WriteFile(kServerLog, "");
         Child web = StartCanned(8080, row.answer);
         EXPECT_EQ(Ask(request), StatusReply(0xA4, row.error != 0, std::max(row.error, 0)));
         web.Stop();
-        const std::string lines = ReadAll(kCannedLog), log = Shorten(ReadAll(kServerLog));
+        const std::string lines = ReadFile(kCannedLog), log = Shorten(ReadFile(kServerLog));
         EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), row.requests) << lines;
         std::string message =
             "KIRVEX_Reply_ChangeIDPwd(): break connection failed - ip[127.0.0.1] "
@@ -133,8 +132,7 @@ TEST(KirvexAccount, OutlivesABrokenWebServer) {
         }
         EXPECT_EQ(log.find(message + "]\n") != std::string::npos, row.unreleased != nullptr) << log;
     }
-    Shell(descriptors);
-    EXPECT_EQ(ReadAll("/tmp/fds"), open);
+    EXPECT_EQ(ListFolder(descriptors), open);
 }
 
 TEST(KirvexAccount, ChangesOtherRowsOnTheDefaultPort) {
@@ -157,7 +155,7 @@ TEST(KirvexAccount, ChangesOtherRowsOnTheDefaultPort) {
                   row.result)
             << row.body;
         web.Stop();
-        EXPECT_EQ(ReadAll(kCannedLog), line + line);
+        EXPECT_EQ(ReadFile(kCannedLog), line + line);
     }
 }
 

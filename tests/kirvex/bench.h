@@ -4,41 +4,24 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "common/base64.h"
 #include "common/socket.h"
 #include "common/unique_fd.h"
 #include "kirvex/server.h"
+#include "support/files.h"
 
 inline const std::string kServerLog = "/tmp/server.log";
 inline const std::string kCannedLog = "/tmp/canned.log";
 inline const std::string kPages = "/tmp/account-pages/";
-
-inline std::string ReadAll(const std::string &path) {
-    std::ifstream file(std::filesystem::is_directory(path) ? "/dev/null" : path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void WriteAll(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
-}
-
-inline void Shell(const std::string &command) {
-    EXPECT_EQ(system(command.c_str()), 0) << command;
-}
 
 // While it lives, new sockets belong to the other end of eth0's cable: 192.168.1.30 on lan0.
 class OnLan {
@@ -91,9 +74,9 @@ class Child {
 };
 
 inline Child StartServer() {
-    WriteAll("/etc/Port", "8080\n");
+    WriteFile("/etc/Port", "8080\n");
     Child server(kServerLog, [] { TQ_Server_KIRVEX(nullptr, nullptr); });
-    while (server.alive() && ReadAll(kServerLog).find("UDP Socket (fd = ") == std::string::npos) {
+    while (server.alive() && ReadFile(kServerLog).find("UDP Socket (fd = ") == std::string::npos) {
         usleep(1000);
     }
     return server;
@@ -191,16 +174,13 @@ inline std::string Ask(
     for (const std::string &text : {request, mark}) {
         sendto(sock.get(), text.data(), text.size(), 0, AsSockaddr(unit), sizeof unit);
     }
-    std::string first;
-    while (true) {
+    for (std::string first;;) {
         char reply[1024];
         timeval limit{60, 0};
-        if (WaitForSocket(sock.get(), POLLIN, &limit) != 1) {
-            ADD_FAILURE() << "the server is silent";
-            return first;
-        }
-        const std::string text(reply, recv(sock.get(), reply, sizeof reply, 0));
-        if (text.size() == 22 && text[2] == mark[2]) {
+        const bool heard = WaitForSocket(sock.get(), POLLIN, &limit) == 1;
+        EXPECT_TRUE(heard) << "the server is silent";
+        const std::string text(reply, heard ? recv(sock.get(), reply, sizeof reply, 0) : 0);
+        if (!heard || (text.size() == 22 && text[2] == mark[2])) {
             return first;
         }
         first = text;

@@ -19,8 +19,8 @@ static const UnitInfo kWanted = {"",
                                  0};
 
 TEST(KirvexClient, FindsAndSetsTheRealUnit) {
-    WriteAll("/etc/resolv.conf", "nameserver 10.0.0.1\n");
-    WriteAll("/mtd1/interfaces", "iface eth0 inet dhcp\n");
+    WriteFile("/etc/resolv.conf", "nameserver 10.0.0.1\n");
+    WriteFile("/mtd1/interfaces", "iface eth0 inet dhcp\n");
     const Child server = StartServer();
     const Child web =
         StartCanned(8080, "HTTP/1.1 200 OK\r\n\r\nUsername=[admin] ID=[7]</p>\nSuccess");
@@ -43,10 +43,10 @@ TEST(KirvexClient, FindsAndSetsTheRealUnit) {
                                0};
     EXPECT_EQ(memcmp(list, &expected, sizeof expected), 0);
     EXPECT_EQ(KIRVEX_SetBasicInfo("lan0", kUnitIp, &kWanted), 0);
-    EXPECT_EQ(ReadAll("/mtd1/interfaces"),
+    EXPECT_EQ(ReadFile("/mtd1/interfaces"),
               "iface eth0 inet static\n  address 192.168.1.44\n  netmask 255.255.255.0\n"
               "  gateway 192.168.1.1\n\n");
-    EXPECT_EQ(ReadAll("/etc/resolv.conf"), "nameserver 0.0.0.0\n");
+    EXPECT_EQ(ReadFile("/etc/resolv.conf"), "nameserver 0.0.0.0\n");
 }
 
 // A peer on the unit's side that records a request in /tmp/peer and answers with these packets.
@@ -75,12 +75,10 @@ TEST(KirvexClient, JudgesReplies) {
                             Bytes({0xEE, 0xFE, 0, 0, 0xA1}, 16) + "\1\2", full + "more",
                             full.substr(0, 22)});
     UnitInfo *list = nullptr;
-    testing::internal::CaptureStdout();
-    {
-        const OnLan lan;
-        ASSERT_EQ(KIRVEX_DevSearch("lan0", &list), 2);
-    }
-    EXPECT_EQ(Shorten(testing::internal::GetCapturedStdout()),
+    EXPECT_EQ(Shorten(OutputOf([&] {
+                  const OnLan lan;
+                  ASSERT_EQ(KIRVEX_DevSearch("lan0", &list), 2);
+              })),
               "KIRVEX_DevSearch(): [0X0000] - Not KIRVEX reply packet\n"
               "KIRVEX_DevSearch(): [0X00EE] - Not KIRVEX reply packet\n"
               "KIRVEX_DevSearch(): [0XEEFE] - Not KIRVEX reply packet\n"
@@ -92,20 +90,18 @@ TEST(KirvexClient, JudgesReplies) {
     EXPECT_STREQ(list[0].trigger_port, "14649");
     EXPECT_STREQ(list[1].ip, "0.0.0.0");
     EXPECT_EQ(
-        ReadAll("/tmp/peer"),
+        ReadFile("/tmp/peer"),
         Bytes({0xFD, 0xFD, 0, 0, 0xA1, 0, 255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0, 1}, 22));
     peer.Stop();
 
-    WriteAll("/etc/Port", "8080\n");
+    WriteFile("/etc/Port", "8080\n");
     const Child unit = StartPeer({"\xEE", full, refusal});
-    testing::internal::CaptureStdout();
-    {
-        const OnLan lan;
-        EXPECT_EQ(KIRVEX_SetBasicInfo("lan0", kUnitIp, &kWanted), 0) << "the time was over";
-        EXPECT_EQ(KIRVEX_SetBasicInfo("lan9", kUnitIp, &kWanted), -1);
-        EXPECT_EQ(KIRVEX_SetBasicInfo("lan0", "nowhere", &kWanted), -1);
-    }
-    EXPECT_EQ(Shorten(testing::internal::GetCapturedStdout()),
+    EXPECT_EQ(Shorten(OutputOf([] {
+                  const OnLan lan;
+                  EXPECT_EQ(KIRVEX_SetBasicInfo("lan0", kUnitIp, &kWanted), 0) << "time is over";
+                  EXPECT_EQ(KIRVEX_SetBasicInfo("lan9", kUnitIp, &kWanted), -1);
+                  EXPECT_EQ(KIRVEX_SetBasicInfo("lan0", "nowhere", &kWanted), -1);
+              })),
               "KIRVEX_SetBasicInfo(): [0X00A1] - Not KIRVEX Set Basic Information packet\n"
               "KIRVEX_SetBasicInfo(): retcode[0X0201] - recvive error packet\n"
               "KIRVEX_PrintHeader(): identifier: 0xFEEE\n"
@@ -121,11 +117,11 @@ TEST(KirvexClient, JudgesReplies) {
               "KIRVEX_PrintReplyPkt(): Wait Timer: 0x00000000\n"
               "KIRVEX_PrintReplyPkt(): Extension: 0x00000000\n"
               "KIRVEX_SetBasicInfo(): setsockopt error: No such device\n");
-    EXPECT_EQ(ReadAll("/tmp/peer"), Header(0xA2).replace(2, 2, 2, '\0').replace(20, 1, "\xD9") +
-                                        Field("YWRtaW4=", 128) +
-                                        Settings(kWanted.name, false, inet_addr(kWanted.gateway))
-                                            .replace(68, 2, "\x90\x1F")
-                                            .replace(80, 4, 4, '\0'));
+    EXPECT_EQ(ReadFile("/tmp/peer"), Header(0xA2).replace(2, 2, 2, '\0').replace(20, 1, "\xD9") +
+                                         Field("YWRtaW4=", 128) +
+                                         Settings(kWanted.name, false, inet_addr(kWanted.gateway))
+                                             .replace(68, 2, "\x90\x1F")
+                                             .replace(80, 4, 4, '\0'));
 }
 
 // A search reply whose texts all fill their fields, in a block of just its size.
@@ -137,9 +133,7 @@ TEST(KirvexClient, PrintsNothingBeyondThePacket) {
     }
     packet.get()[4] = 0xA1, packet.get()[5] = 0;
     const std::string text(reinterpret_cast<char *>(packet.get()), size);
-    testing::internal::CaptureStdout();
-    KIRVEX_PrintReplyPkt(packet.get());
-    std::string log = Shorten(testing::internal::GetCapturedStdout());
+    std::string log = Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.get()); }));
     for (size_t at; (at = log.find("KIRVEX_PrintReplyPkt(): ")) != std::string::npos;) {
         log.erase(at, 24);
     }

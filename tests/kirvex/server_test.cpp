@@ -18,9 +18,9 @@ TEST(KirvexServer, AnswersASearchWithTheseBytes) {
     };
     const Child server = StartServer();
     for (const auto &row : cases) {
-        WriteAll("/mtd1/interfaces", row.interfaces);
-        WriteAll("/etc/resolv.conf", row.resolver);
-        WriteAll("/etc/Port", row.port);
+        WriteFile("/mtd1/interfaces", row.interfaces);
+        WriteFile("/etc/resolv.conf", row.resolver);
+        WriteFile("/etc/Port", row.port);
         std::string reply = Ask(Header(0xA1));
         ASSERT_EQ(reply.size(), 334u);
         tm utc{};
@@ -32,11 +32,12 @@ TEST(KirvexServer, AnswersASearchWithTheseBytes) {
                       Field("1.41", 32) + Bytes({1, 0, 0, 0, 0, 0}) + mac +
                       Field("QVR-7140-16T", 64) + address + row.expected + Field("", 19));
     }
-    EXPECT_EQ(ReadAll("/var/run/TQ.pid"), std::to_string(server.pid()));
+    EXPECT_EQ(ReadFile("/var/run/TQ.pid"), std::to_string(server.pid()));
     Shell("rm /mtd1/interfaces");
     EXPECT_EQ(Ask(Header(0xA1)).at(314), '\xFF');
-    EXPECT_NE(ReadAll(kServerLog).find("KIRVEX_GetDHCPStatus(): fopen(/mtd1/interfaces) failed : "),
-              std::string::npos);
+    EXPECT_NE(
+        ReadFile(kServerLog).find("KIRVEX_GetDHCPStatus(): fopen(/mtd1/interfaces) failed : "),
+        std::string::npos);
 }
 
 TEST(KirvexServer, ChecksRequestsInThisOrder) {
@@ -71,10 +72,10 @@ TEST(KirvexServer, ChecksRequestsInThisOrder) {
     const Child server = StartServer();
     for (const auto &row : cases) {
         SCOPED_TRACE(testing::PrintToString(row.request.substr(0, 22)));
-        WriteAll("/mtd1/interfaces", "");
-        WriteAll(kServerLog, "");
+        WriteFile("/mtd1/interfaces", "");
+        WriteFile(kServerLog, "");
         EXPECT_EQ(Ask(row.request).size(), row.reply);
-        EXPECT_EQ(Shorten(ReadAll(kServerLog)), row.message);
+        EXPECT_EQ(Shorten(ReadFile(kServerLog)), row.message);
     }
 }
 
@@ -97,9 +98,7 @@ TEST(KirvexServer, ServesItsInterfaceOnly) {
     EXPECT_EQ(Ask(request).size(), 22u);
     char reply[32];
     EXPECT_EQ(recv(local.get(), reply, sizeof reply, MSG_DONTWAIT), -1);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(TQ_Server_KIRVEX(nullptr, "eth9"), -1);
-    EXPECT_EQ(Shorten(testing::internal::GetCapturedStdout()),
+    EXPECT_EQ(Shorten(OutputOf([] { EXPECT_EQ(TQ_Server_KIRVEX(nullptr, "eth9"), -1); })),
               "KIRVEX_CreateUDPRecvAnyAddrSocket(): setsockopt error: No such device\n"
               "TQ_Server_KIRVEX(): Create KIRVEX UDP Socket port 62976 failed!\n");
 }

@@ -176,9 +176,11 @@ inline std::string Ask(
     }
     for (std::string first;;) {
         char reply[1024];
-        timeval limit{60, 0};
+        static time_t patience = 30;  // no more of it once the server was silent
+        timeval limit{patience, 0};
         const bool heard = WaitForSocket(sock.get(), POLLIN, &limit) == 1;
         EXPECT_TRUE(heard) << "the server is silent";
+        patience = heard ? patience : 1;
         const std::string text(reply, heard ? recv(sock.get(), reply, sizeof reply, 0) : 0);
         if (!heard || (text.size() == 22 && text[2] == mark[2])) {
             return first;

@@ -87,6 +87,7 @@ TEST(Http, Answers) {
         {{"A: b\n\nContent-Length:1"}, "Content-Length:1", kHeld},
         // Split between lines, in the name, and in the blank line, which then isn't one.
         {{ok, three}, "abc", kHeld},
+        {{three.substr(0, 19), "Content-Length: 9\r\n\r\nabc"}, "abc", kHeld},
         {{ok + "Con", three.substr(3)}, "abc", kSilent},
         {{ok + head, three.substr(20)}, "", kClosed},
         {{ok + head, three.substr(20)}, ok + three, kKeptSilent},

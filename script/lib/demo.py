@@ -24,6 +24,8 @@ UNITS = (  # name, address, what is special, options
     ("double", "192.168.1.25/24", "a second interface, 10.1.0.25/24, on another LAN",
      {"gateway": "192.168.1.1", "eth1": "10.1.0.25/24"}),
     ("board", "192.168.1.26/24", "the PowerPC program, emulated", {"gateway": "192.168.1.1", "program": POWERPC}))
+BRAND16 = ("recorder", "192.168.1.31/24", "a board of brand 16: it speaks KIRVEX instead",
+           {"gateway": "192.168.1.1", "program": NATIVE, "brand": 16, "port": "8080"})
 INTERFACES = """auto lo
 iface lo inet loopback
 
@@ -108,6 +110,13 @@ def list_request(desk, units):
     check([row[1] for row in rows] == [*by_mac(units[:-1]), board.name], f"{len(rows)} records")
 
 
+def show_diff(unit, name, before):
+    after = unit.path(name).read_text()
+    show("".join(difflib.unified_diff(before.splitlines(True), after.splitlines(True), f"{unit.name}:/{name}",
+                                      "afterwards")))
+    return after
+
+
 def network_setup(desk, unit):
     step(f"The tool gives {unit.name} a new address, in one package",
          "the unit's stanza of eth0 and its first name server rewritten, all else untouched, and the network",
@@ -116,19 +125,67 @@ def network_setup(desk, unit):
     before = {name: unit.path(name).read_text() for name in names}
 
     def send(**changed):
-        desk.ask(lan.package(3, *unit.record(**changed)) + b"\0", to="192.168.1.21")
+        desk.ask(lan.package(3, *unit.record(**changed)) + b"\0", to="192.168.1.21", patience=0)
+        desk.ask(to="192.168.1.21")  # answered when the setup is through
 
     send(ip="192.168.1.121", dns="192.168.1.3", note="static")
     for name in names:
-        after = unit.path(name).read_text()
-        show("".join(difflib.unified_diff(before[name].splitlines(True), after.splitlines(True),
-                                          f"{unit.name}:/{name}", "after the setup")))
+        show_diff(unit, name, before[name])
     print(f"   {unit.name}: /etc/init.d/networking was called with: {unit.path('var/networking').read_text()}", end="")
     unit.facts["dns"] = "192.168.1.3"  # read from the file that has just changed
     after = unit.path(names[0]).read_text()
     check(after == INTERFACES.replace("192.168.1.21\n", "192.168.1.121\n"), "only the address changed")
     send(ip="192.168.1.200", note="static")
     check(unit.path(names[0]).read_text() == after, "the second setup left the file alone")
+
+
+def kirvex(desk, unit):
+    def ask(operation, body=b"", target=unit):
+        return [reply for _, reply in desk.ask_kirvex(lan.kirvex_request(operation, target, body))]
+
+    def words(reply):
+        return [int.from_bytes(reply[i:i + 4], "little") for i in range(22, len(reply), 4)]
+
+    def quad(data, offset):
+        return ".".join(map(str, data[offset:offset + 4]))
+
+    step("A KIRVEX tool on the same notebook searches its LAN",
+         "one reply of 334 bytes, from the board of brand 16 alone.")
+    replies = ask(lan.SEARCH, target=None)
+    for data in replies:
+        texts = [data[a:a + 32].split(b"\0")[0].decode() for a in (22, 86, 182)]
+        table([("brand", texts[0]), ("product", texts[1]), ("version", texts[2]),
+               ("MAC", data[220:226].hex(":")), ("address", f"{quad(data, 290)}, netmask {quad(data, 298)}, "
+               f"gateway {quad(data, 302)}, name server {quad(data, 306)}"),
+               ("web port", str(int.from_bytes(data[294:296], "little"))), ("time", data[315:329].decode())])
+    check(len(replies) == 1 and len(replies[0]) == 334, "one reply of 334 bytes")
+
+    step("It verifies two accounts", "privilege 1 for the administrator, 2 for anybody else (only names count).")
+    for account, privilege in (("admin", 1), ("guest", 2)):
+        (reply,) = ask(lan.VERIFY, lan.kirvex_credentials(account, "any"))
+        check(words(reply) == [privilege], f"{account} has privilege {words(reply)[0]}")
+
+    step("It gives the unit a static address",
+         "the account checked at the unit's own web server (real lighttpd, Digest), the stanza rewritten, the reply",
+         "sent with status 2 and 3 s to wait, and only then the network restarted.")
+    before = unit.path("mtd1/interfaces").read_text()
+    settings = lan.kirvex_settings("QVR-7140-16T", "192.168.1.131", "255.255.255.0", "192.168.1.1", "192.168.1.3", False)
+    (reply,) = ask(lan.SETUP, lan.kirvex_credentials("admin", "1234") + settings)
+    called = unit.path("var/networking")
+    lan.wait_until(lambda: called.exists() and called.read_text())
+    after = show_diff(unit, "mtd1/interfaces", before)
+    print(f"   {unit.name}: /etc/init.d/networking was called with: {called.read_text()}", end="")
+    check(reply[16] == 0 and words(reply) == [0, 2, 3, 0], "return code 0, status 2, wait 3")
+    check("192.168.1.131" in after and after.endswith(before[before.index("auto eth1"):]), "only eth0's stanza changed")
+
+    step("It changes the administrator's password, first to letters, then to digits",
+         "error 1013 for the letters, before any login; then success, and the change in the web server's log.")
+    for password, expected in (("letters", [1013, 0, 0, 0]), ("98765", [0, 0, 0, 0])):
+        (reply,) = ask(lan.CHANGE, lan.kirvex_credentials("admin", "1234", "admin", password))
+        check(words(reply) == expected, f"{password}: return code {reply[16]}, error {words(reply)[0]}")
+    log = unit.web_log()
+    show(log)
+    check("200 GET /auth/config.set?ACCOUNTSETUP_PASSWORD1[0]=98765&THREAD_ID=4711" in log, "the web server took it")
 
 
 def main():
@@ -141,11 +198,17 @@ def main():
             print(f"   {name:<9} {address:<16} {what}", flush=True)
             units.append(net.host(name, address, **{"program": NATIVE, "note": what[:40].replace(",", ""), **options}))
         units[0].write({"etc/network/interfaces": INTERFACES, "etc/TQ.conf": "NETSETUP=YES\n"})
-        for unit in units:
+        name, address, what, options = BRAND16
+        print(f"   {name:<9} {address:<16} {what}", flush=True)
+        recorder = net.host(name, address, **options)
+        recorder.write({"mtd1/interfaces": INTERFACES.replace(".21", ".31")})
+        recorder.serve_account_pages("digest")
+        for unit in [*units, recorder]:
             unit.start_tq()
         discovery(desk, units)
         list_request(desk, units)
         network_setup(desk, units[0])
+        kirvex(desk, recorder)
     if broken:
         print(f"\n{RED}Not everything was as announced:{PLAIN} " + "; ".join(broken))
     else:

@@ -245,18 +245,19 @@ class Host:
             made.bind(bind)
         return made
 
-    def ask(self, data=QUERY, to="255.255.255.255", quiet=0.5):
-        """Sends a native package from eth0's port 6667 and returns what came until nothing came for `quiet`
-        seconds: for each datagram its records."""
+    def ask(self, data=QUERY, to="255.255.255.255", patience=10):
+        """Sends a native package from eth0's port 6667 and returns for each datagram that came its records.
+        Waits at most `patience` seconds for the first."""
         with self.socket(bind=("", CLIENT_PORT), device="eth0") as client:
             client.sendto(data, (to, SERVER_PORT))
-            client.settimeout(quiet)
-            found = []
-            while True:
-                try:
-                    found.append(records(client.recv(65535)))
-                except TimeoutError:
-                    return found
+            return [records(data) for data, _ in collect(client, patience)]
+
+    def ask_kirvex(self, request, device="eth0", patience=10):
+        """Broadcasts a KIRVEX datagram and returns the (address, reply) pairs, in order of address."""
+        with self.socket(device=device) as tool:
+            tool.sendto(request, ("255.255.255.255", KIRVEX_PORT))
+            return sorted(((sender[0], data) for data, sender in collect(tool, patience)),
+                          key=lambda pair: socket.inet_aton(pair[0]))
 
     def _command(self, arguments):
         return [*self.nsenter, "env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *self.program.emulator,
@@ -287,9 +288,15 @@ class Host:
 
     def serve_account_pages(self, scheme):
         """Starts the stand-in of the appliance's web server on port 8080."""
-        self.write({"opt/account_pages": (TOP / "tests/support/account_pages").read_text()})
-        self.run(f"sh /opt/account_pages {scheme} 8080 >/tmp/lighttpd.log 2>&1 &", stdout=None)
+        self.write({"opt/account-pages": (TOP / "tests/support/account-pages").read_text()})
+        self.path("opt/account-pages").chmod(0o755)
+        self.run(f"/opt/account-pages {scheme} 8080 >/dev/null 2>&1 & echo $! >/run/account-pages", stdout=None)
         wait_until(lambda: ":1F90 " in self.run("cat /proc/net/tcp"))
+
+    def web_log(self):
+        """Ends the web server and returns the requests that it had."""
+        self.run("kill $(cat /run/account-pages)")
+        return wait_until((self.root / "tmp/account-pages/log").read_text)
 
     def log(self):
         return self.output.read_text(encoding="latin1")
@@ -303,18 +310,18 @@ class Lan:
     """Bridges and hosts; leaving the `with` block ends the hosts and removes everything."""
 
     def __init__(self):
-        self.hosts, self.bridges, self.macs = [], set(), 0
+        self.hosts, self.devices, self.macs = [], [], 0
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        for device in self.devices:
+            ip("link del " + device)
         for host in self.hosts:
             os.kill(host.pid, signal.SIGKILL)
         for host in self.hosts:
             os.waitpid(host.pid, 0)
-        for bridge in self.bridges:
-            ip("link del " + bridge)
         for host in self.hosts:
             shutil.rmtree(BASE / host.name, ignore_errors=True)
 
@@ -326,13 +333,14 @@ class Lan:
         host.macs = []
         for number, address in enumerate([eth0, eth1] if eth1 else [eth0]):
             bridge, port_name = f"br{number}", f"{name}.{number}"
-            if bridge not in self.bridges:
+            if bridge not in self.devices:
                 ip(f"link add {bridge} type bridge", f"link set {bridge} up")
-                self.bridges.add(bridge)
+                self.devices.append(bridge)
             self.macs += 1
             host.macs.append(f"02:00:5E:00:{self.macs >> 8:02X}:{self.macs & 255:02X}")
             ip(f"link add {port_name} type veth peer name eth{number} address {host.macs[-1]} "
                f"netns {host.pid}", f"link set {port_name} master {bridge} up")
+            self.devices.append(port_name)
             ip(f"address add {address} broadcast + dev eth{number}" if address else "",
                f"link set eth{number} up", host=host)
         if gateway:
@@ -354,6 +362,15 @@ def wait_until(condition, seconds=30, message=lambda: "waited in vain"):
     while not (found := condition()):
         assert time.monotonic() < end, message()
         time.sleep(0.02)
+    return found
+
+
+def collect(sock, patience, quiet=0.4):
+    """What a socket gets, with the senders' addresses, until nothing comes for `quiet` seconds; the first may
+    take `patience` seconds."""
+    found = []
+    while select.select([sock], [], [], quiet if found else patience)[0]:
+        found.append(sock.recvfrom(65535))
     return found
 
 

@@ -86,7 +86,7 @@ TEST(Dns, AsksAtMostThreeTimes) {
         {{good}, 0, 1},
         {{none, "\xA9", good}, 0, 3},
         {{"", good}, 0, 2},  // none in time
-        {{none, none, none}, -1, 3},
+        {{none, none, none, good}, -1, 3},
         {{refusal, refusal, refusal}, -1, kLittle ? 1 : 3},
         {{mirrored, mirrored, mirrored}, -1, kLittle ? 3 : 1}};
     const BoundSocket client(SOCK_DGRAM);

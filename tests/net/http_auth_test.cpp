@@ -154,7 +154,7 @@ TEST(HttpAuth, RealServers) {
         const bool page = isdigit(body[0]);  // one that tells of an error in some more words
         HttpAuthInfo auth = Record(COM_GetHttpAuthMethod(url.c_str()), "admin", password);
         EXPECT_EQ(auth.method, method);
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < (page ? 1 : 3); ++i) {
             auth.qop[0] = i == 2 ? '\0' : auth.qop[0];  // the server takes the short form, too
             const Outcome got = OBSERVE(COM_GetHttpContent(url.c_str(), r, &auth));
             EXPECT_TRUE(page ? Holds(got.bytes, body) : got.bytes == body) << got.bytes;

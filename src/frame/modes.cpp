@@ -10,6 +10,7 @@
 #include "discovery/client.h"
 #include "discovery/server.h"
 #include "frame/message.h"
+#include "kirvex/server.h"
 
 static constexpr char kSource[] = "TQ";
 static constexpr unsigned kKirvexBrand = 16;
@@ -57,8 +58,7 @@ unsigned ReadBrand(const char *path) {
 
 int TQ_Server(const char *pidFile, const char *device, TQ_Cfg *cfg) {
     if (ReadBrand("/proc/cpuinfo") == kKirvexBrand) {
-        TQ_LOG("The KIRVEX service is not in this build\n");
-        return -1;
+        return TQ_Server_KIRVEX(pidFile, device);
     }
     TQ_Server_MORA(pidFile, device, cfg);
 }

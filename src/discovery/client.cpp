@@ -10,7 +10,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "common/base64.h"
 #include "common/buffer.h"
 #include "common/heap.h"
 #include "common/socket.h"

@@ -19,6 +19,9 @@
 
 static constexpr char kSource[] = "COMMON";
 
+// The receiving socket is the main module's own, not the common library's.
+static constexpr MessageOrigin kSocketOrigin{"TQ", "TQ_CreateUDPBroadcastSocket"};
+
 namespace {
 
 // Offsets into the datagram: the IPv4 header without options, the UDP header, the payload.
@@ -176,17 +179,17 @@ int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address) 
     *address = InternetAddress(address->sin_addr.s_addr, port);
     *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (*sock == -1) {
-        TQ_LOG("socket() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kSocketOrigin, "socket() error : %s\n", strerror(errno));
         return -1;
     }
     const int on = 1;
     if (setsockopt(*sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1) {
-        TQ_LOG("setsockopt(SOL_SOCKET(%d), SO_REUSEADDR(%d)) error : %s\n", SOL_SOCKET,
-               SO_REUSEADDR, strerror(errno));
+        TQ_LOG_FOR(kSocketOrigin, "setsockopt(SOL_SOCKET(%d), SO_REUSEADDR(%d)) error : %s\n",
+                   SOL_SOCKET, SO_REUSEADDR, strerror(errno));
         return -1;
     }
     if (bind(*sock, AsSockaddr(*address), sizeof *address) == -1) {
-        TQ_LOG("bind() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kSocketOrigin, "bind() error : %s\n", strerror(errno));
         return -1;
     }
     return 0;

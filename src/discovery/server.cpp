@@ -135,7 +135,7 @@ static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own)
 }
 
 // Discovers the LAN and builds the reply. Returns an empty one, with a message, when nobody is
-// there; `format` tells a count.
+// there; `logCount` reports how many are.
 static ListReply DiscoverForList(void (*logCount)(int count)) {
     UnitInfo own{};
     COM_GetUnitInfo(&own, kListDevice);
@@ -152,29 +152,19 @@ static ListReply DiscoverForList(void (*logCount)(int count)) {
     return reply;
 }
 
-static timeval TimeLeft(const timeval &end) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    timeval left;
-    timersub(&end, &now, &left);
-    return left;
-}
-
-// Sends all of a reply. A client that does not read is given up after kClientSeconds in all.
+// Sends all of a reply. A client that does not read is given up once the waits for it have come to
+// kClientSeconds.
 static void SendAll(int connection, const ListReply &reply) {
-    timeval end;
-    gettimeofday(&end, nullptr);
-    end.tv_sec += kClientSeconds;
+    timeval limit{kClientSeconds, 0};
     const char *next = reply.text.get();
     size_t left = reply.length;
     while (left > 0) {
         ssize_t sent = -1;
-        const timeval limit = TimeLeft(end);
-        if (limit.tv_sec < 0 || limit.tv_sec > kClientSeconds) {
+        const int ready = WaitForSocket(connection, POLLOUT, &limit);
+        if (ready == 0) {
             errno = EAGAIN;
-        } else {
-            setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-            sent = send(connection, next, left, MSG_NOSIGNAL);
+        } else if (ready > 0) {
+            sent = send(connection, next, left, MSG_NOSIGNAL | MSG_DONTWAIT);
         }
         if (sent < 0) {
             TQ_LOG_FOR(kOrigin, "send(%d) error : %s\n", static_cast<int>(left), strerror(errno));

@@ -7,22 +7,22 @@
 #include "common/heap.h"
 
 int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
-    int size = 256;
-    HeapBlock<char> text(static_cast<char *>(malloc(static_cast<size_t>(size))));
+    size_t size = 256;
+    HeapBlock<char> text(static_cast<char *>(malloc(size)));
     if (!text) {
         return -1;
     }
     while (text) {
         va_list arguments;
         va_start(arguments, format);
-        const int length = vsnprintf(text.get(), static_cast<size_t>(size), format, arguments);
+        const int length = vsnprintf(text.get(), size, format, arguments);
         va_end(arguments);
-        if (length >= 0 && length <= size - 1) {
+        if (length >= 0 && static_cast<size_t>(length) < size) {
             break;
         }
         // A negative length is how old C libraries say "too small".
-        size = length >= 0 ? length + 1 : size * 2;
-        char *grown = static_cast<char *>(realloc(text.get(), static_cast<size_t>(size)));
+        size = length >= 0 ? static_cast<size_t>(length) + 1 : size * 2;
+        char *grown = static_cast<char *>(realloc(text.get(), size));
         if (grown) {
             static_cast<void>(text.release());
         }

@@ -267,8 +267,10 @@ static int Exchange(const sockaddr_in &server, const char *host, const char *aut
         request = BuildRequest(command, host, port, path ? path : "/", authorization);
         if (!request) {
             TQ_LOG_FOR(kSend, "malloc pAddDatabuf failed!\n");
-            // The peer is not told: its connection stays open.
-            static_cast<void>(sock.release());
+            if (command.method == HTTP_CMD_POST) {
+                // The peer of a form is not told: its connection stays open.
+                static_cast<void>(sock.release());
+            }
             return -1;
         }
         const std::span<char> text(request.get(), strlen(request.get()));

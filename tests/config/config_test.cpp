@@ -362,3 +362,14 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
                                      TQ_Watchdog(nullptr);
                                  }).find("TQ_Watchdog(): Invalid pFolder - Watchdog exit\n"));
 }
+
+// Inode numbers that need 64 bits, as an overlay makes them: a 32-bit build must list them too.
+TEST(Watchdog, SeesRequestsOnEveryFileSystem) {
+    Shell(
+        "mkdir /tmp/upper /tmp/work /tmp/merged && mount -t tmpfs lower /srv && echo 0,true "
+        ">/srv/RERUN && mount -t overlay -o "
+        "lowerdir=/srv,upperdir=/tmp/upper,workdir=/tmp/work,xino=on overlay /tmp/merged");
+    OutputOf([] { ScanWatchdogFolder("/tmp/merged"); });
+    EXPECT_EQ("", ListFolder("/tmp/merged"));
+    Shell("umount /tmp/merged /srv");
+}

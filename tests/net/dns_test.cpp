@@ -86,7 +86,7 @@ TEST(Dns, AsksAtMostThreeTimes) {
         {{good}, 0, 1},
         {{none, "\xA9", good}, 0, 3},
         {{"", good}, 0, 2},  // none in time
-        {{none, none, none}, -1, 3},
+        {{none, none, none, good}, -1, 3},
         {{refusal, refusal, refusal}, -1, kLittle ? 1 : 3},
         {{mirrored, mirrored, mirrored}, -1, kLittle ? 3 : 1}};
     const BoundSocket client(SOCK_DGRAM);
@@ -137,6 +137,8 @@ TEST(Dns, AsksARealServer) {
         {"127.0.0.1", "alias.test", "10.0.0.1 - ", ""},
         {"127.0.0.1", "absent.test", "", "DNS_GetAviaNameServer(): A record not found!\n"},
         {"127.0.0.9\nnameserver 127.0.0.1", "one.test", "10.0.0.1 - ", "[2] select() timeout\n"},
+        {"192.168.1.255\nnameserver 127.0.0.1", "one.test", "10.0.0.1 - ",
+         "sendto() error : -1/26"},
         {"", "127.0.0.7", "127.0.0.7 - ", ""},
         {"x.y", "one.test", "", "DNS_GetAviaNameServer(): inet_addr(x.y) error : "},
         {"", "one.test", "", "DNS_GetA(): no nameserver found\n"},

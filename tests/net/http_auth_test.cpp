@@ -82,7 +82,7 @@ TEST(HttpAuth, OtherHeaders) {
     memset(full.get(), 'A', sizeof *full);
     full->method = HTTP_AUTH_BASIC;
     const std::string line = Header("h/x", full.get());
-    EXPECT_EQ(line.size(), strlen("Authorization: Basic \r\n\r\n") + (79 + 2) / 3 * 4);
+    EXPECT_EQ(line.substr(std::min<size_t>(line.size(), 21 + 100)), "QUFBQQ==\r\n\r\n");
     full->method = HTTP_AUTH_DIGEST;
     EXPECT_EQ(Header("h/x", full.get(), -1), "\r\n");
     ScriptedServer server([](int) {});
@@ -154,14 +154,18 @@ TEST(HttpAuth, RealServers) {
         const bool page = isdigit(body[0]);  // one that tells of an error in some more words
         HttpAuthInfo auth = Record(COM_GetHttpAuthMethod(url.c_str()), "admin", password);
         EXPECT_EQ(auth.method, method);
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < (page ? 1 : 3); ++i) {
             auth.qop[0] = i == 2 ? '\0' : auth.qop[0];  // the server takes the short form, too
             const Outcome got = OBSERVE(COM_GetHttpContent(url.c_str(), r, &auth));
             EXPECT_TRUE(page ? Holds(got.bytes, body) : got.bytes == body) << got.bytes;
             EXPECT_EQ(got.stored, !body.empty());
-            EXPECT_LT(got.seconds, 2);
+            EXPECT_LT(got.seconds, 4);
         }
     }
+    // An empty answer is one: the other address isn't asked.
+    ScriptedServer empty([](int) {});
+    EXPECT_LT(OBSERVE(COM_GetHttpContent(empty.Url("", "nvr.test").c_str(), r, nullptr)).seconds,
+              4);
     const std::string echo = site + "/echo.sh";
     const char *parts = "Content-Type: x/y\r\nContent-Length: 3\r\n\r\nabc";
     EXPECT_EQ(

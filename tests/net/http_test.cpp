@@ -65,7 +65,7 @@ TEST(Http, RequestTexts) {
 
 TEST(Http, Answers) {
     enum { kHeld, kSilent, kKept, kKeptSilent, kClosed, kReset };
-    const HttpTimings timings{.readable = {0, 500000}};
+    const HttpTimings timings{.readable = {1, 0}};
     const std::string ok = "HTTP/1.1 200 OK\r\n", five = ok + "Content-Length: 5\r\n\r\n";
     const std::string three = "Content-Length: 3\r\n\r\nabc", head = three.substr(0, 20);
     const std::string endless(1 << 20, 'h');
@@ -87,6 +87,7 @@ TEST(Http, Answers) {
         {{"A: b\n\nContent-Length:1"}, "Content-Length:1", kHeld},
         // Split between lines, in the name, and in the blank line, which then isn't one.
         {{ok, three}, "abc", kHeld},
+        {{three.substr(0, 19), "Content-Length: 9\r\n\r\nabc"}, "abc", kHeld},
         {{ok + "Con", three.substr(3)}, "abc", kSilent},
         {{ok + head, three.substr(20)}, "", kClosed},
         {{ok + head, three.substr(20)}, ok + three, kKeptSilent},
@@ -120,7 +121,10 @@ TEST(Http, Answers) {
         EXPECT_TRUE(got.bytes == stored) << got.bytes.substr(0, 1000);
         EXPECT_EQ(got.stored, !stored.empty());
         EXPECT_EQ(kind == kReset, Holds(got.messages, "recv() = -1 : Connection reset by peer\n"));
-        EXPECT_NEAR(got.seconds, kind == kSilent || kind == kKeptSilent ? 1.5 : 0.5, 0.47);
+        // Two failed waits where the peer is silent, none else; a busy machine may add to both.
+        const bool silent = kind == kSilent || kind == kKeptSilent;
+        EXPECT_GE(got.seconds, silent ? 2 : 0);
+        EXPECT_LT(got.seconds, silent ? 4 : 2);
     }
 }
 

@@ -40,6 +40,7 @@ inline Outcome Observe(const std::function<int(char **)> &call) {
     const int result = call(&buffer);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
     const HeapBlock<char> owner(buffer);
+    EXPECT_TRUE(!buffer || result < 1 || buffer[result - 1] == '\0');
     return {result, buffer != nullptr,
             std::string(buffer ? buffer : "", result > 0 ? result - 1 : 0),
             testing::internal::GetCapturedStdout(), time.count()};
@@ -48,15 +49,16 @@ inline Outcome Observe(const std::function<int(char **)> &call) {
 // The outcome of a call in which `r` stands for the address of its buffer.
 #define OBSERVE(expression) Observe([&]([[maybe_unused]] char **r) { return (expression); })
 
-// A socket at a port of 127.0.0.1 that the system picks.
+// A socket at a port that the system picks.
 struct BoundSocket {
-    explicit BoundSocket(int type) : fd(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+    explicit BoundSocket(int type, in_addr_t host = INADDR_LOOPBACK)
+        : fd(socket(AF_INET, type | SOCK_CLOEXEC, 0)), address(InternetAddress(htonl(host), 0)) {
         socklen_t size = sizeof address;
         bind(fd.get(), AsSockaddr(address), size);
         getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size);
     }
     UniqueFd fd;
-    sockaddr_in address = InternetAddress(htonl(INADDR_LOOPBACK), 0);
+    sockaddr_in address;
 };
 
 inline bool Readable(int sock, int milliseconds) {
@@ -108,8 +110,8 @@ class ScriptedServer {
         });
     }
     ~ScriptedServer() { Requests(); }
-    std::string Url(const std::string &path) {
-        return "127.0.0.1:" + std::to_string(ntohs(socket_.address.sin_port)) + path;
+    std::string Url(const std::string &path, const std::string &host = "127.0.0.1") {
+        return host + ":" + std::to_string(ntohs(socket_.address.sin_port)) + path;
     }
     // What was asked, when all connections are over.
     const std::vector<std::string> &Requests() {
@@ -120,7 +122,7 @@ class ScriptedServer {
     }
 
   private:
-    BoundSocket socket_{SOCK_STREAM};
+    BoundSocket socket_{SOCK_STREAM, INADDR_ANY};
     std::vector<std::string> requests_;
     std::thread thread_;
 };

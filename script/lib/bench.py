@@ -1,0 +1,148 @@
+"""The figures that are taken on the virtual LAN; script/bench builds the programs and starts it."""
+import pathlib
+import statistics
+import sys
+import time
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TOP / "tests/support"))
+
+import lan  # noqa: E402
+
+NATIVE = lan.Program.chosen()
+UNIT = ("192.168.1.21", lan.SERVER_PORT)
+
+
+def server(host, what):
+    return host.run(f"cat /proc/$(cat /var/run/TQ.pid)/{what}")
+
+
+def cpu_microseconds(host):
+    return int(server(host, "schedstat").split()[0]) / 1000
+
+
+def state(host):
+    anonymous = next(line.split()[1] for line in server(host, "smaps_rollup").splitlines()
+                     if line.startswith("Anonymous:"))
+    return f"{anonymous} kB anonymous, {len(host.run('ls /proc/$(cat /var/run/TQ.pid)/fd').split())} descriptors"
+
+
+def paced(client, request, to, rate, seconds):
+    """Sends `rate` requests a second."""
+    start = time.monotonic()
+    for i in range(rate * seconds):
+        while time.monotonic() < start + i / rate:
+            pass
+        client.sendto(request, to)
+
+
+def rally(client, request, to, count, answers, window=32, limit=60):
+    """Sends up to `count` requests, at most `window` of them unanswered, for at most `limit` seconds. Returns
+    (sent, answered, seconds)."""
+    client.settimeout(0.5)
+    start, sent, received = time.monotonic(), 0, 0
+    while received < count * answers:
+        while sent < count and sent - received // answers < window and time.monotonic() < start + limit:
+            client.sendto(request, to)
+            sent += 1
+        try:
+            client.recv(4096)
+            received += 1
+        except TimeoutError:
+            break
+    return sent, received // answers, time.monotonic() - start
+
+
+def drain(client):
+    """Reads the answers that are still on their way."""
+    client.settimeout(0.5)
+    try:
+        while client.recv(4096):
+            pass
+    except TimeoutError:
+        pass
+
+
+def wire_times(frames):
+    """Microseconds from each request that the host got to the first frame that it sent after it."""
+    times, asked = [], None
+    for when, data, from_host in frames:
+        if data[12:14] != b"\x08\x00" or data[23] != 17:
+            continue
+        if not from_host:
+            asked = when
+        elif asked is not None:
+            times.append((when - asked) / 1000)
+            asked = None
+    return times
+
+
+def requests(title, host, client, request, to, answers):
+    """What one kind of request costs."""
+    print(title, flush=True)
+    wire = lan.Capture(f"{host.name}.0")
+    for _ in range(200):
+        rally(client, request, to, 1, answers)
+    times = wire_times(wire.frames())
+    print(f"  request to reply on the wire, one at a time: median {statistics.median(times):.0f} us, "
+          f"99th of 100 {statistics.quantiles(times, n=100)[98]:.0f} us", flush=True)
+    drain(client)
+    wire = lan.Capture(f"{host.name}.0")
+    before = cpu_microseconds(host)
+    paced(client, request, to, 1000, 10)
+    sent = sum(from_host and data[23] == 17 for _, data, from_host in wire.frames())
+    print(f"  at 1,000/s for 10 s: {sent // answers} of 10000 answered, "
+          f"{(cpu_microseconds(host) - before) / max(sent // answers, 1):.0f} us of CPU each", flush=True)
+    drain(client)
+    print(f"  before {state(host)}", flush=True)
+    sent, answered, seconds = rally(client, request, to, 100000, answers)
+    print(f"  up to 100,000 in a minute, 32 at a time: {answered} of {sent} answered, {answered / seconds:.0f}/s")
+    print(f"  after  {state(host)}", flush=True)
+
+
+def native_queries():
+    with lan.Lan() as net:
+        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
+        host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", program=NATIVE).start_tq()
+        with desk.socket(bind=("", lan.CLIENT_PORT), device="eth0") as client:
+            requests("Native queries", host, client, lan.QUERY, UNIT, 2)
+
+
+def kirvex():
+    with lan.Lan() as net:
+        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
+        host = net.host("rec", "192.168.1.31/24", gateway="192.168.1.1", port="8080", brand=16, program=NATIVE,
+                        files={"mtd1/interfaces": "iface eth0 inet static\n"}).start_tq()
+        with desk.socket() as client:
+            requests("KIRVEX searches", host, client, lan.kirvex_request(lan.SEARCH),
+                     ("192.168.1.31", lan.KIRVEX_PORT), 1)
+        for scheme in ("digest", "basic"):
+            host.serve_account_pages(scheme)
+            change = lan.kirvex_request(lan.CHANGE, host, lan.kirvex_credentials("admin", "1234", "admin", "1234"))
+            with desk.socket() as client:
+                _, answered, seconds = rally(client, change, ("192.168.1.31", lan.KIRVEX_PORT), 20, 1, window=1)
+            exchanges = host.web_log().count(" HTTP/") / 20
+            print(f"  password change through {scheme}: {answered} of 20, {seconds / 20 * 1000:.0f} ms, "
+                  f"{exchanges:g} exchanges", flush=True)
+
+
+def discoveries():
+    print("Discoveries (the waits alone take 1.6 s)", flush=True)
+    with lan.Lan() as net:
+        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
+        units = []
+        for count in (3, 50, 250):
+            while len(units) < count:
+                number = len(units) + 21
+                units.append(net.host(f"u{number}", f"192.168.{1 + number // 250}.{number % 250 + 1}/16",
+                                      program=NATIVE).start_tq())
+            start = time.monotonic()
+            found = desk.tq("-I", "eth0").count("(dev, note)")
+            seconds = time.monotonic() - start
+            print(f"  {count:3} units: {found} found in {seconds:.2f} s, {seconds / 1.6 * 100 - 100:+.1f}%", flush=True)
+
+
+lan.enter()
+native_queries()
+kirvex()
+discoveries()

@@ -1,0 +1,104 @@
+#include "kirvex/server.h"
+
+#include <ctime>
+
+#include "kirvex/bench.h"
+
+TEST(KirvexServer, AnswersASearchWithTheseBytes) {
+    const std::string mac = kUnit.substr(0, 6), address = kUnit.substr(6);
+    const std::string route = Bytes({0, 0, 255, 255, 255, 0, 192, 168, 1, 1});
+    const struct {
+        const char *interfaces, *resolver, *port;
+        std::string expected;  // from web port to DHCP byte
+    } cases[] = {
+        {"iface eth0 inet static\n", "nameserver 10.0.0.1\nnameserver 10.0.0.2\n", "8080\n",
+         Bytes({0x90, 0x1F}) + route + Bytes({10, 0, 0, 1, 10, 0, 0, 2, 0xFF})},
+        {"# ETH0: Dhcp\n", "", "", Bytes({80, 0}) + route + Bytes({0, 0, 0, 0, 0, 0, 0, 0, 1})},
+        {"dhcp\n", "", "none", Bytes({0, 0}) + route + Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0xFF})},
+    };
+    const Child server = StartServer();
+    for (const auto &row : cases) {
+        WriteFile("/mtd1/interfaces", row.interfaces);
+        WriteFile("/etc/resolv.conf", row.resolver);
+        WriteFile("/etc/Port", row.port);
+        std::string reply = Ask(Header(0xA1));
+        ASSERT_EQ(reply.size(), 334u);
+        tm utc{};
+        strptime(reply.substr(315, 14).c_str(), "%Y%m%d%H%M%S", &utc);
+        EXPECT_LE(labs(timegm(&utc) - time(nullptr)), 2);
+        EXPECT_EQ(reply.replace(315, 14, 14, '\0'),
+                  Bytes({0xEE, 0xFE, 0x12, 0x34, 0xA1, 0}) + kUnit + Bytes({0, 0, 1, 0, 0x38, 1}) +
+                      Field("Orvane", 64) + Field("QVR-7140-16T", 64) + Field("QVR-7140-16T", 32) +
+                      Field("1.41", 32) + Bytes({1, 0, 0, 0, 0, 0}) + mac +
+                      Field("QVR-7140-16T", 64) + address + row.expected + Field("", 19));
+    }
+    EXPECT_EQ(ReadFile("/var/run/TQ.pid"), std::to_string(server.pid()));
+    Shell("rm /mtd1/interfaces");
+    EXPECT_EQ(Ask(Header(0xA1)).at(314), '\xFF');
+    EXPECT_NE(
+        ReadFile(kServerLog).find("KIRVEX_GetDHCPStatus(): fopen(/mtd1/interfaces) failed : "),
+        std::string::npos);
+}
+
+TEST(KirvexServer, ChecksRequestsInThisOrder) {
+    const std::string zero(1, '\0');
+    const std::string mismatch =
+        "KIRVEX_ParserPkt(): local mac/ip[02:00:5E:00:53:01/192.168.1.20]\n";
+    const auto refusal = [](const std::string &mode) {
+        return "KIRVEX_ParserPkt(): reqmode[0x" + mode + "] - receive error packet\n";
+    };
+    const struct {
+        std::string request;
+        size_t reply;
+        std::string message;
+    } cases[] = {
+        {Header(0xA5), 22, ""},
+        {Header(0xA1, zero + "w"), 334, ""},
+        {Header(0xA1, "w" + zero), 334, ""},
+        {Header(0xA1, zero + zero).replace(6, 1, "x"), 334, ""},
+        {Header(0xA1) + std::string(20000, 'x'), 334, ""},
+        {Header(0xA1, "xw"), 0, refusal("7778")},
+        {Header(0xA1, "w\1"), 0, refusal("0177")},
+        {Header(0xA1).replace(0, 1, "\xEE"), 0, ""},
+        {Header(0xA1).replace(1, 1, "\xFE"), 0, ""},
+        {Header(0xA0), 0, ""},
+        {Header(0xA6), 0, ""},
+        {Header(0xA1).replace(5, 1, "\1"), 0, ""},
+        {Header(0xA5, zero + zero), 0, refusal("0000")},
+        {Header(0xA2, zero + "w"), 0, refusal("7700")},
+        {Header(0xA2).replace(11, 1, "\2"), 0, mismatch},
+        {Header(0xA4, "xx").replace(15, 1, "\2"), 0, mismatch},
+    };
+    const Child server = StartServer();
+    for (const auto &row : cases) {
+        SCOPED_TRACE(testing::PrintToString(row.request.substr(0, 22)));
+        WriteFile("/mtd1/interfaces", "");
+        WriteFile(kServerLog, "");
+        EXPECT_EQ(Ask(row.request).size(), row.reply);
+        EXPECT_EQ(Shorten(ReadFile(kServerLog)), row.message);
+    }
+}
+
+TEST(KirvexServer, ReadsWhatAnEarlierRequestLeft) {
+    const std::string administrator = Bytes({1, 0, 0, 0}), user = Bytes({2, 0, 0, 0});
+    const Child server = StartServer();
+    EXPECT_EQ(Ask(Header(0xA1).substr(0, 6)).size(), 334u) << "zero until then";
+    EXPECT_EQ(Ask(Header(0xA3) + Credentials({"administrator", "x"})).substr(22), administrator);
+    EXPECT_EQ(Ask(Header(0xA3)).substr(22), administrator);
+    EXPECT_EQ(Ask(Header(0xA3) + Credentials({"Admin"})).substr(22), user);
+    EXPECT_EQ(Ask(Bytes({0xFD, 0xFD, 1, 2})).substr(0, 6), Bytes({0xEE, 0xFE, 1, 2, 0xA5, 0}));
+}
+
+TEST(KirvexServer, ServesItsInterfaceOnly) {
+    const Child server = StartServer();
+    const UniqueFd local(socket(AF_INET, SOCK_DGRAM, 0));
+    const sockaddr_in unit = InternetAddress(htonl(INADDR_LOOPBACK), 62976);
+    const std::string request = Header(0xA5);
+    sendto(local.get(), request.data(), request.size(), 0, AsSockaddr(unit), sizeof unit);
+    EXPECT_EQ(Ask(request).size(), 22u);
+    char reply[32];
+    EXPECT_EQ(recv(local.get(), reply, sizeof reply, MSG_DONTWAIT), -1);
+    EXPECT_EQ(Shorten(OutputOf([] { EXPECT_EQ(TQ_Server_KIRVEX(nullptr, "eth9"), -1); })),
+              "KIRVEX_CreateUDPRecvAnyAddrSocket(): setsockopt error: No such device\n"
+              "TQ_Server_KIRVEX(): Create KIRVEX UDP Socket port 62976 failed!\n");
+}

@@ -84,7 +84,7 @@ inline bool StartServer(std::vector<const char *> arguments, uint16_t port) {
 
 inline bool HaveNameServer() {
     static const bool serves = StartServer(
-        {"/usr/sbin/dnsmasq", "-k", "-C", "/dev/null", "-u", "root", "-R", "-h", "-x", "", "-z",
+        {"/usr/sbin/dnsmasq", "-d", "-C", "/dev/null", "-u", "root", "-R", "-h", "-x", "", "-z",
          "-a", "127.0.0.1", "--host-record=one.test,10.0.0.1", "--cname=alias.test,one.test",
          "--host-record=nvr.test,127.0.0.77", "--host-record=nvr.test,127.0.0.1", "--local=/test/"},
         53);

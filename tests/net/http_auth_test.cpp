@@ -151,7 +151,6 @@ TEST(HttpAuth, RealServers) {
             auth.qop[0] = i == 2 ? '\0' : auth.qop[0];  // the server takes the short form, too
             const Outcome got = OBSERVE(COM_GetHttpContent(url.c_str(), r, &auth));
             EXPECT_TRUE(page ? Holds(got.bytes, body) : got.bytes == body) << got.bytes;
-            EXPECT_EQ(got.stored, !body.empty());
             EXPECT_LT(got.seconds, 4);
         }
     }

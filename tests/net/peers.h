@@ -6,10 +6,9 @@
 #include "common/heap.h"
 #include "support/peers.h"
 
-// What a call returned, left in its buffer (as much as it says), printed, and took.
+// What a call returned, left in its buffer, printed, and took.
 struct Outcome {
     int result;
-    bool stored;
     std::string bytes, messages;
     double seconds;
 };
@@ -21,7 +20,7 @@ inline Outcome Observe(const std::function<int(char **)> &call) {
     got.messages = OutputOf([&] { got.result = call(&buffer); });
     got.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const HeapBlock<char> owner(buffer);
-    got.stored = buffer != nullptr;
+    EXPECT_EQ(buffer != nullptr, got.result > 0);
     if (buffer && got.result > 0) {
         EXPECT_EQ(buffer[got.result - 1], '\0');
         got.bytes.assign(buffer, got.result - 1);

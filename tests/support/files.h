@@ -1,4 +1,4 @@
-// Files, output and processes as the tests see them.
+// Files and output as the tests see them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -47,28 +47,3 @@ inline std::string ListFolder(const std::string &path) {
     pclose(pipe);
     return text;
 }
-
-// A check that mostly waits: it runs beside all other tests, in a process of its own, and only when
-// all of them are wanted.
-class Beside : public testing::Environment {
-  public:
-    explicit Beside(void (*check)()) : check_(check) {}
-    void SetUp() override {
-        fflush(stdout);
-        pid_ = testing::GTEST_FLAG(filter) == "*" ? fork() : -1;
-        if (pid_ == 0) {
-            check_();
-            fflush(stdout);
-            _exit(testing::UnitTest::GetInstance()->Failed());
-        }
-    }
-    void TearDown() override {
-        int status = 0;
-        EXPECT_TRUE(pid_ < 0 || waitpid(pid_, &status, 0) == pid_);
-        EXPECT_EQ(status, 0) << "a check beside the tests failed";
-    }
-
-  private:
-    void (*check_)();
-    pid_t pid_ = -1;
-};

@@ -55,12 +55,13 @@ class ScriptedServer {
                 std::string &request = requests_.emplace_back();
                 char block[65536];
                 pollfd wanted{sock, POLLIN, 0};
-                for (ssize_t count = 1; count > 0 && poll(&wanted, 1, 150) == 1;) {
-                    count = read(sock, block, sizeof block);
-                    request.append(block, count > 0 ? count : 0);
-                    if (request.starts_with("GET ") && request.ends_with("\r\n\r\n")) {
+                while (!(request.starts_with("GET ") && request.ends_with("\r\n\r\n")) &&
+                       poll(&wanted, 1, 150) == 1) {
+                    const ssize_t count = read(sock, block, sizeof block);
+                    if (count <= 0) {
                         break;
                     }
+                    request.append(block, count);
                 }
                 script(sock);
             }
@@ -70,7 +71,7 @@ class ScriptedServer {
     std::string Url(const std::string &path, const std::string &host = "127.0.0.1") {
         return host + ":" + std::to_string(ntohs(socket_.address.sin_port)) + path;
     }
-    // What was asked; it isn't served any more then.
+    // Ends the server; what it was asked.
     const std::vector<std::string> &Requests() {
         if (thread_.joinable()) {
             shutdown(socket_.fd.get(), SHUT_RDWR);
@@ -83,4 +84,15 @@ class ScriptedServer {
     BoundSocket socket_;
     std::vector<std::string> requests_;
     std::thread thread_;
+};
+
+// A check that mostly waits: it runs beside all other tests, and only when all are wanted.
+struct Beside : testing::Environment {
+    explicit Beside(void (*wait)()) : check(wait) {}
+    void SetUp() override {
+        thread = std::thread(testing::GTEST_FLAG(filter) == "*" ? check : [] {});
+    }
+    void TearDown() override { thread.join(); }
+    void (*check)();
+    std::thread thread;
 };

@@ -115,14 +115,14 @@ TEST(KirvexClient, JudgesReplies) {
                                   .replace(80, 4, 4, '\0'));
 }
 
-// A search reply whose texts all fill their fields, in a block of just its size.
+// A search reply whose texts all fill their fields, with something else behind it.
 TEST(KirvexClient, PrintsNothingBeyondThePacket) {
-    std::vector<uint8_t> packet(334);
+    std::vector<uint8_t> packet(350);
     for (size_t i = 0; i < packet.size(); ++i) {
         packet[i] = static_cast<uint8_t>("0123456789abcdef"[i % 16]);
     }
     packet[4] = 0xA1, packet[5] = 0;
-    const std::string text(packet.begin(), packet.end());
+    const std::string text(packet.begin(), packet.begin() + 334);
     const std::string log = Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.data()); }));
     EXPECT_EQ(log.substr(log.find("KIRVEX_PrintReplyPkt")),
               Said("KIRVEX_PrintReplyPkt",

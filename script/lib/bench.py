@@ -92,7 +92,7 @@ def requests(title, host, client, request, to, answers):
     paced(client, request, to, 1000, 10)
     sent = sum(from_host and data[23] == 17 for _, data, from_host in wire.frames())
     print(f"  at 1,000/s for 10 s: {sent // answers} of 10000 answered, "
-          f"{(cpu_microseconds(host) - before) / 10000:.0f} us of CPU each", flush=True)
+          f"{(cpu_microseconds(host) - before) / max(sent // answers, 1):.0f} us of CPU each", flush=True)
     drain(client)
     print(f"  before {state(host)}", flush=True)
     sent, answered, seconds = rally(client, request, to, 100000, answers)
@@ -106,6 +106,24 @@ def native_queries():
         host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", program=NATIVE).start_tq()
         with desk.socket(bind=("", lan.CLIENT_PORT), device="eth0") as client:
             requests("Native queries", host, client, lan.QUERY, UNIT, 2)
+
+
+def kirvex():
+    with lan.Lan() as net:
+        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
+        host = net.host("rec", "192.168.1.31/24", gateway="192.168.1.1", port="8080", brand=16, program=NATIVE,
+                        files={"mtd1/interfaces": "iface eth0 inet static\n"}).start_tq()
+        with desk.socket() as client:
+            requests("KIRVEX searches", host, client, lan.kirvex_request(lan.SEARCH),
+                     ("192.168.1.31", lan.KIRVEX_PORT), 1)
+        for scheme in ("digest", "basic"):
+            host.serve_account_pages(scheme)
+            change = lan.kirvex_request(lan.CHANGE, host, lan.kirvex_credentials("admin", "1234", "admin", "1234"))
+            with desk.socket() as client:
+                _, answered, seconds = rally(client, change, ("192.168.1.31", lan.KIRVEX_PORT), 20, 1, window=1)
+            exchanges = host.web_log().count(" HTTP/") / 20
+            print(f"  password change through {scheme}: {answered} of 20, {seconds / 20 * 1000:.0f} ms, "
+                  f"{exchanges:g} exchanges", flush=True)
 
 
 def discoveries():
@@ -126,4 +144,5 @@ def discoveries():
 
 lan.enter()
 native_queries()
+kirvex()
 discoveries()

@@ -57,37 +57,34 @@ static bool ReadDueTime(const char *text, DueTime *request) {
     return true;
 }
 
-int TQ_WatchdogReboot(const char *text) {
+// What reboot and shutdown share: init gets `signal` once the request is due and the file systems
+// have been flushed `syncs` times.
+static int SignalInitWhenDue(const char *text, const char *event, int syncs, int signal,
+                             const char *function) {
     DueTime request;
     if (!ReadDueTime(text, &request)) {
         return -1;
     }
     if (request.IsCountdownTime()) {
-        TQ_LOG("%d sec before reboot!\n", request.SecondsLeft());
+        TQ_LOG_FOR((MessageOrigin{kSource, function}), "%d sec before %s!\n", request.SecondsLeft(),
+                   event);
     }
     if (request.IsAhead()) {
         return -1;
     }
-    sync();
-    sync();
-    COM_SendSignal("init", 0, SIGTERM);
+    for (int i = 0; i < syncs; ++i) {
+        sync();
+    }
+    COM_SendSignal("init", 0, signal);
     return 0;
 }
 
+int TQ_WatchdogReboot(const char *text) {
+    return SignalInitWhenDue(text, "reboot", 2, SIGTERM, __func__);
+}
+
 int TQ_WatchdogShutdown(const char *text) {
-    DueTime request;
-    if (!ReadDueTime(text, &request)) {
-        return -1;
-    }
-    if (request.IsCountdownTime()) {
-        TQ_LOG("%d sec before shutdown!\n", request.SecondsLeft());
-    }
-    if (request.IsAhead()) {
-        return -1;
-    }
-    sync();
-    COM_SendSignal("init", 0, SIGUSR1);
-    return 0;
+    return SignalInitWhenDue(text, "shutdown", 1, SIGUSR1, __func__);
 }
 
 // Reads the command as a format text that has no arguments.

@@ -189,7 +189,7 @@ static pid_t SendReplies(const std::vector<std::string> &packages) {
     const pid_t child = fork();
     if (child == 0) {
         const UniqueFd sock(socket(AF_INET, SOCK_DGRAM, 0));
-        const sockaddr_in to = InternetAddress(htonl(INADDR_LOOPBACK), kClientPort);
+        const sockaddr_in to = InternetAddress(htonl(INADDR_LOOPBACK), TQ_CLIENT_PORT);
         usleep(300000);
         for (const std::string &package : packages) {
             sendto(sock.get(), package.data(), package.size(), 0, AsSockaddr(to), sizeof to);

@@ -33,7 +33,7 @@ def test_search_is_answered_by_every_unit_of_the_brand_on_its_interface(net, sta
 def test_missing_interface_ends_the_server(net):
     host = recorder(net, start=["-I", "eth7"])
     assert re.search(r"setsockopt error: No such device\n.*Create KIRVEX UDP Socket port 62976 failed!\n", host.log())
-    lan.wait_until(lambda: "TQ" not in host.run("cat /proc/[0-9]*/cmdline"))
+    lan.wait_until(lambda: "TQ" not in host.processes())
 
 
 @pytest.mark.parametrize("scheme, refusals", [("digest", 2), ("basic", 1)])
@@ -55,7 +55,7 @@ def test_account_and_settings_through_the_web_server(net, scheme, refusals):
     static = "iface eth0 inet static\n  address 192.168.1.77\n  netmask 255.255.255.0\n  gateway 192.168.1.1\n\n"
     for dhcp, stanza, servers in ((True, f"iface eth0 inet dhcp\n  hostname {MODEL}\n\n", RESOLVER),
                                   (False, static, RESOLVER.replace("192.168.1.2", "10.0.0.9"))):
-        assert "udhcpc" in host.run("cat /proc/[0-9]*/cmdline")  # only static settings stop it
+        assert "udhcpc" in host.processes()  # only static settings stop it
         settings = kirvex_settings(MODEL, "192.168.1.77", "255.255.255.0", "192.168.1.1", "10.0.0.9", dhcp)
         check(SETUP, kirvex_credentials("admin", "1234") + settings, 0, 2, 3, 0)
         lan.wait_until(lambda: host.path("var/networking").exists() and host.path("var/networking").read_text())
@@ -63,7 +63,7 @@ def test_account_and_settings_through_the_web_server(net, scheme, refusals):
         assert host.path("mtd1/interfaces").read_text() == INTERFACES.replace(OLD, stanza)
         assert host.path("etc/resolv.conf").read_text() == servers
         host.path("var/networking").unlink()
-    lan.wait_until(lambda: "udhcpc" not in host.run("cat /proc/[0-9]*/cmdline"))
+    lan.wait_until(lambda: "udhcpc" not in host.processes())
 
     check(CHANGE, kirvex_credentials("admin", "1234", "admin", "letters"), 1013, 0, 0, 0, code=1)
     check(CHANGE, kirvex_credentials("admin", "1234", "admin", "98765"), 0, 0, 0, 0)

@@ -119,7 +119,7 @@ def test_list_requests(net):
         while len(found := lan.records(client.recv(65535))) == 1:
             pass
     assert found == expected
-    assert f"result_device = {len(others)}\n" in asked.log() and "len = " in asked.log()
+    asked.wait_log(f"result_device = {len(others)}\n.*len = ")
     for refused in (lan.QUERY, package(3, *asked.record()), b"nonsense"):
         assert read_all(tcp_request(net, asked, refused)) == b""
 

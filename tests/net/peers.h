@@ -34,8 +34,9 @@ inline Outcome Observe(const std::function<int(char **)> &call) {
 // Has a name server serve until the private host ends.
 inline void ServeNames() {
     static const int status = system(
-        "/usr/sbin/dnsmasq -C /dev/null -u root -R -h -x '' -z -a 127.0.0.1 --local=/test/ "
+        "/usr/sbin/dnsmasq -d -C /dev/null -u root -R -h -z -a 127.0.0.1 --local=/test/ "
         "--host-record=one.test,10.0.0.1 --cname=alias.test,one.test "
-        "--host-record=nvr.test,127.0.0.77 --host-record=nvr.test,127.0.0.1");
+        "--host-record=nvr.test,127.0.0.77 --host-record=nvr.test,127.0.0.1 2>/dev/null & "
+        "until grep -q ':0035 00000000:0000 0A' /proc/net/tcp; do sleep 0.02; done");
     ASSERT_EQ(status, 0);
 }

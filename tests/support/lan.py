@@ -135,30 +135,17 @@ class Program(namedtuple("Program", "path emulator")):
 
 INIT = ('trap "echo TERM >>/var/signals" TERM; trap "echo USR1 >>/var/signals" USR1; '
         "while :; do sleep 1d & wait $!; done")
-# A root of its own on the private tmpfs: the machine's programs read-only, everything else the host's.
 HOST = """set -e
-mkdir -p "$1/root" && cd "$1/root"
-mkdir -p proc dev sys usr opt tmp run mtd1 root var/lib var/log etc/init.d etc/network
-for part in /bin /sbin /lib*; do
-    if [ -L "$part" ]; then cp -P "$part" .; else mkdir ".$part"; mount --rbind "$part" ".$part"; fi
-done
-mount --rbind /usr usr
-mount -o remount,bind,ro usr
-mount --rbind /dev dev
-mount -t proc proc proc
-printf 'brandid : %s\n' "$2" >../cpuinfo
+mkdir "$1"
+"$4/tests/support/root" "$1/root"
+cd "$1/root"
+printf 'brandid : %s\\n' "$2" >../cpuinfo
 mount --bind ../cpuinfo proc/cpuinfo
 touch opt/TQ
 mount --bind "$3" opt/TQ
-for part in passwd group nsswitch.conf ld.so.cache alternatives; do cp -RP "/etc/$part" etc/; done
-echo 127.0.0.1 localhost >etc/hosts
-printf '#!/bin/sh\necho "$@" >>/var/networking\n' >etc/init.d/networking
+printf '#!/bin/sh\\necho "$@" >>/var/networking\\n' >etc/init.d/networking
 chmod 755 etc/init.d/networking
-chmod 1777 tmp
-ln -s /run var/run
 hostname "${1##*/}"
-echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6 2>/dev/null || :
-ip link set lo up
 """
 
 
@@ -176,7 +163,7 @@ class Host:
                 os.write(writer, struct.pack("i", pid))
                 os._exit(0)
             home = BASE / name
-            done = subprocess.run(["sh", "-c", HOST, "sh", home, str(brand), self.program.path],
+            done = subprocess.run(["sh", "-c", HOST, "sh", home, str(brand), self.program.path, TOP],
                                   check=False, stdin=subprocess.DEVNULL)
             if done.returncode:
                 os._exit(1)
@@ -284,7 +271,11 @@ class Host:
     def stop_all(self):
         """Ends all processes of the host but its init."""
         self.run("kill -9 -1 || :")
-        wait_until(lambda: "TQ" not in self.run("cat /proc/[0-9]*/cmdline 2>/dev/null || :"))
+        wait_until(lambda: "TQ" not in self.processes())
+
+    def processes(self):
+        """The command lines of the host's processes."""
+        return self.run("cat /proc/[0-9]*/cmdline 2>/dev/null || :")
 
     def serve_account_pages(self, scheme):
         """Starts the stand-in of the appliance's web server on port 8080."""
@@ -315,7 +306,8 @@ class Lan:
     def __enter__(self):
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, failure, *_):
+        reports = [host.log() for host in self.hosts if re.search("Sanitizer|runtime error:", host.log())]
         for device in self.devices:
             ip("link del " + device)
         for host in self.hosts:
@@ -324,6 +316,7 @@ class Lan:
             os.waitpid(host.pid, 0)
         for host in self.hosts:
             shutil.rmtree(BASE / host.name, ignore_errors=True)
+        assert failure or not reports, reports[0]
 
     def host(self, name, eth0, eth1=None, gateway=None, dns="192.168.1.2", proj="NVR", port="80",
              model="QVR-7140-16T", note="hall", files=(), **options):

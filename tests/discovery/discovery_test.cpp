@@ -228,7 +228,7 @@ TEST(Discovery, ListsWhatWasHeardTwiceInDescendingOrder) {
     // Somebody else has the clients' port, and shares it with nobody.
     UniqueFd other;
     sockaddr_in address{};
-    ASSERT_EQ(0, TQ_CreateUDPBroadcastSocket(kClientPort, other.address(), &address));
+    ASSERT_EQ(0, TQ_CreateUDPBroadcastSocket(TQ_CLIENT_PORT, other.address(), &address));
     const int off = 0;
     setsockopt(other.get(), SOL_SOCKET, SO_REUSEADDR, &off, sizeof off);
     EXPECT_NE(std::string::npos, OutputOf([&] {

@@ -138,7 +138,8 @@ def test_every_allocation_may_fail(net, brand, request_of, loose, expected):
         # A resolver file that can't be edited is emptied: nobody shall take half a text for the whole.
         assert became(host)[:2] in [("old", "old"), ("new", "new"), ("new", "empty")]
         assert request_of != change or left(host) == kept, said
-    assert seen == expected and unsaid <= loose and left(host) == kept
+    # How often a list's records are merged depends on how many came: that one isn't met in every run.
+    assert expected - {"MALLOC(N)"} <= seen <= expected and unsaid <= loose and left(host) == kept
     assert request_of == change or serve(net, host, request)[0] == whole
 
 
@@ -148,12 +149,10 @@ def test_every_allocation_of_the_client_may_fail(net):
     desk.faults[HASTE], desk.faults[LEFT] = 20, 1000
     assert "cam2" in desk.tq()
     total = 1000 - desk.faults[LEFT]
-    endings = set()
     for number in range(total - 9, total + 1):  # up to there it is what a list request does
         desk.faults[LEFT] = number
-        said = desk.tq()
-        endings |= set(re.findall(r"TQ_GetAllUnit\(\) = .*|\[1/1\]", said))
-    assert {"[1/1]", "TQ_GetAllUnit() = -1"} <= endings <= {"[1/1]", "TQ_GetAllUnit() = -1", "TQ_GetAllUnit() = 0"}
+        endings = re.findall(r"TQ_GetAllUnit\(\) = (?:-1|0)\n|\(.*cam2\)\n|: \[1/1\]\n", desk.tq())
+        assert endings and (len(endings) == 1) == ("= " in endings[0]) or desk.faults[LEFT] == 0, endings
 
 
 OLD, HALF, DONE = ("old", "old", False), ("new", "empty", False), ("new", "new", True)

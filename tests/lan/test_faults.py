@@ -104,7 +104,8 @@ def became(host, interfaces=INTERFACES):
         cuts = {new[:size] + old[size:]: f"new to {size}" for size in range(4096, len(new), 4096)}
         return {**cuts, "": "empty", new + old[len(new):]: "new, tail of old", old: "old", new: "new",
                 new[:4096]: "new"}.get(text, text)
-    return state(NETFILE[host.brand], interfaces), state("etc/resolv.conf", RESOLVER), host.path("var/networking").exists()
+    ran = host.path("var/networking").exists()
+    return state(NETFILE[host.brand], interfaces), state("etc/resolv.conf", RESOLVER), ran
 
 
 REFUSED = r"(?m)^\w+,\d+:(?: |\w+\(\): )(.*?)(?: error| failed)?(?: : Cannot allocate memory|!)$"
@@ -138,7 +139,8 @@ def test_every_allocation_may_fail(net, brand, request_of, loose, expected):
         # A resolver file that can't be edited is emptied: nobody shall take half a text for the whole.
         assert became(host)[:2] in [("old", "old"), ("new", "new"), ("new", "empty")]
         assert request_of != change or left(host) == kept, said
-    assert seen == expected and unsaid <= loose and left(host) == kept
+    # How often a list's records are merged depends on how many came: that one isn't met in every run.
+    assert expected - {"MALLOC(N)"} <= seen <= expected and unsaid <= loose and left(host) == kept
     assert request_of == change or serve(net, host, request)[0] == whole
 
 
@@ -148,26 +150,25 @@ def test_every_allocation_of_the_client_may_fail(net):
     desk.faults[HASTE], desk.faults[LEFT] = 20, 1000
     assert "cam2" in desk.tq()
     total = 1000 - desk.faults[LEFT]
-    endings = set()
     for number in range(total - 9, total + 1):  # up to there it is what a list request does
         desk.faults[LEFT] = number
-        said = desk.tq()
-        endings |= set(re.findall(r"TQ_GetAllUnit\(\) = .*|\[1/1\]", said))
-    assert {"[1/1]", "TQ_GetAllUnit() = -1"} <= endings <= {"[1/1]", "TQ_GetAllUnit() = -1", "TQ_GetAllUnit() = 0"}
+        endings = re.findall(r"TQ_GetAllUnit\(\) = (?:-1|0)\n|\(.*cam2\)\n|: \[1/1\]\n", desk.tq())
+        assert endings and (len(endings) == 1) == ("= " in endings[0]) or desk.faults[LEFT] == 0, endings
 
 
 OLD, HALF, DONE = ("old", "old", False), ("new", "empty", False), ("new", "new", True)
 FULL = " : Too many open files\n"
+NO_INTERFACES = "/interfaces) failed" + FULL
 
 
 # The rows of one request have 0, 1, 2 ... free descriptors: how many answers, what is said, what becomes of the files.
 @pytest.mark.parametrize("brand, request_of, rows", [
-    (3, lambda _: QUERY, [(0, "fopen(/proc/net/dev) error" + FULL, OLD), (1, "socket() error" + FULL, OLD), (2, "", OLD)]),
-    (3, change, [(0, "open(/etc/Model) error" + FULL, OLD), (0, "fopen(/etc/network/interfaces) failed" + FULL, OLD),
+    (3, lambda _: QUERY, [(0, "/net/dev) error" + FULL, OLD), (1, "socket() error" + FULL, OLD), (2, "", OLD)]),
+    (3, change, [(0, "open(/etc/Model) error" + FULL, OLD), (0, NO_INTERFACES, OLD),
                  (0, "mkstemp() failed" + FULL, HALF), (0, "fopen(/etc/resolv.conf) failed" + FULL, HALF),
                  (0, "Execute", ("new", "new"))]),
     (16, lambda _: kirvex_request(SEARCH), [(1, "COM_GetMAC(): socket() error" + FULL, OLD), (1, "", OLD)]),
-    (16, change, [(0, "local mac/ip[00:00:00:00:00:00/0.0.0.0]", OLD), (1, "fopen(/mtd1/interfaces) failed" + FULL, OLD),
+    (16, change, [(0, "local mac/ip[00:00:00:00:00:00/0.0.0.0]", OLD), (1, NO_INTERFACES, OLD),
                   (1, "mkstemp() failed" + FULL, HALF), (1, "fopen(/etc/resolv.conf) failed" + FULL, HALF),
                   (1, "", ("new", "new"))])])
 def test_descriptors_run_out(net, brand, request_of, rows):
@@ -191,7 +192,7 @@ def test_descriptors_run_out(net, brand, request_of, rows):
 
 def test_processes_run_out(net):
     caps = "+dac_override,+net_raw,+net_admin,+net_bind_service"
-    nobody = ["setpriv", "--reuid=54321", "--regid=54321", "--clear-groups", f"--inh-caps={caps}", f"--ambient-caps={caps}"]
+    nobody = f"setpriv --reuid=54321 --regid=54321 --clear-groups --inh-caps={caps} --ambient-caps={caps}".split()
     host = unit(net, before=nobody)
     host.run("chmod 777 /var /run /run/faults; mkdir -m 777 /var/watchdog")
     begin(host, "-W")
@@ -207,33 +208,33 @@ def test_processes_run_out(net):
     limit(host, "nofile=100", nobody)
     lan.wait_until(host.path("var/rerun").exists)
     host.stop_all()
-    host.program = host.program._replace(emulator=[*nobody, "prlimit", f"--nproc={1 + EMULATED}", *host.program.emulator[len(nobody):]])
+    alone = [*nobody, "prlimit", f"--nproc={1 + EMULATED}", *host.program.emulator[len(nobody):]]
+    host.program = host.program._replace(emulator=alone)
     assert "Parent Process : take a break than exit" in host.tq("-D")
 
 
 DISKS = [
-    ("mount -t tmpfs -o size=4k t /tmp; yes >/tmp/full", "umount /tmp", "fprintf() faied : No space left", "old", "new"),
-    ("mount -t tmpfs -o nr_inodes=1 t /tmp", "umount /tmp", "", "old", "old"),
-    ("mount -t tmpfs -o ro t /tmp", "umount /tmp", "", "old", "old"),
-    ("mount -t tmpfs -o size=4k t /var; ln -s /run /var/run; yes >/var/full", "umount /var",
-     "fprintf() fail : No space left", "new", "empty"),
-    ("mount -t tmpfs t /var; ln -s /run /var/run; mount -o remount,ro /var", "umount /var",
-     "mkstemp() failed : Read-only", "new", "empty"),
-    ("mount --bind /etc /etc; mount -o remount,bind,ro /etc", "umount /etc",
-     "fopen(/etc/network/interfaces) failed : Read-only", "old", "old"),
-    ("mount --bind /etc/resolv.conf /etc/resolv.conf; mount -o remount,bind,ro /etc/resolv.conf", "umount /etc/resolv.conf",
+    ("/tmp", "mount -t tmpfs -o size=4k t /tmp; yes >/tmp/full", "fprintf() faied : No space left", "old", "new"),
+    ("/tmp", "mount -t tmpfs -o nr_inodes=1 t /tmp", "", "old", "old"),
+    ("/tmp", "mount -t tmpfs -o ro t /tmp", "", "old", "old"),
+    ("/var", "mount -t tmpfs -o size=4k t /var; ln -s /run /var/run; yes >/var/full", "fprintf() fail : No space left",
+     "new", "empty"),
+    ("/var", "mount -t tmpfs t /var; ln -s /run /var/run; mount -o remount,ro /var", "mkstemp() failed : Read-only",
+     "new", "empty"),
+    ("/etc", "mount --bind /etc /etc; mount -o remount,bind,ro /etc", "interfaces) failed : Read-only", "old", "old"),
+    ("/etc/resolv.conf", "cd /etc; mount --bind resolv.conf resolv.conf; mount -o remount,bind,ro resolv.conf",
      "truncate(/etc/resolv.conf) error : Read-only", "new", "old")]
 
 
 def test_disks_are_full_or_read_only(net):
     host = unit(net)
-    for spoil, mend, message, *files in DISKS:
+    for place, spoil, message, *files in DISKS:
         begin(host)
         host.run(f"{spoil} 2>/dev/null; :")
         kept = left(host)
         said = serve(net, host, change(host))[1]
         assert message in said and became(host) == (*files, False) and left(host) == kept, (spoil, said, became(host))
-        host.run(mend)
+        host.run("umount " + place)
         begin(host)
         serve(net, host, change(host))
         assert became(host) == DONE
@@ -269,8 +270,8 @@ def test_kill_at_every_point_of_a_setup(net):
             states.add((*became(host, long)[:2], re.sub("_.{6}\n", " ", temporary)))
     assert states == {
         ("old", "old", ""), ("old", "old", "/tmp/TQ "), ("old", "old", "/tmp/TQ /var/COM "),
-        ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ "),
-        ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
+        ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
+        ("old", "new", "/tmp/TQ "), ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
         ("new, tail of old", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
     assert_serves(net, begin(host))
 

@@ -8,12 +8,13 @@ import time
 
 import lan
 import pytest
+from conftest import net  # noqa: F401
 from lan import CLIENT_PORT, LIST_REQUEST, QUERY, SEARCH, SETUP, kirvex_credentials, kirvex_request, package
 from test_kirvex import MODEL
-from test_native import INTERFACES, STATIC, assert_serves, tcp_request
+from test_native import INTERFACES, OLD as OLD_STANZA, NEW as STATIC, assert_serves, tcp_request
 
 LEFT, SHIFT, HASTE, CLOCK_READS = range(4)
-EMULATED = bool(lan.Program.chosen().emulator)
+EMULATED = bool(lan.CHOSEN.emulator)
 ORDER = ">i" if EMULATED else "<i"
 # What every server takes, refuses and reports: its answers and messages up to then are complete.
 MARKS = {3: (package(7, "x"), r"\w+,\d+:TQ_ParserPackage\(\): flag\(07\).*\n", lan.SERVER_PORT),
@@ -21,7 +22,6 @@ MARKS = {3: (package(7, "x"), r"\w+,\d+:TQ_ParserPackage\(\): flag\(07\).*\n", l
 NETFILE = {3: "etc/network/interfaces", 16: "mtd1/interfaces"}
 RESOLVER = "search lan\nnameserver 192.168.1.2\n"
 NEW = {"ip": "10.0.0.7", "netmask": "255.0.0.0", "gateway": "10.255.255.254", "dns": "10.0.0.53"}
-OLD_STANZA = INTERFACES[INTERFACES.index("iface eth0"):INTERFACES.index("auto eth1")]
 
 
 def renewed(text):
@@ -29,12 +29,12 @@ def renewed(text):
 
 
 class Faults:
-    """The page that tests/support/faults.c reads on one host."""
+    """The page that assurance/faults.c reads on one host."""
 
     def __init__(self, host):
         compiler = "powerpc-linux-gnu-gcc" if EMULATED else "gcc"
         subprocess.run([compiler, "-O2", "-shared", "-fPIC", "-o", host.path("opt/faults.so"),
-                        lan.TOP / "tests/support/faults.c"], check=True)
+                        lan.TOP / "assurance/faults.c"], check=True)
         host.write({"run/faults": "\0" * 16})
         with host.path("run/faults").open("r+b") as file:
             self.page = mmap.mmap(file.fileno(), 16)
@@ -48,7 +48,7 @@ class Faults:
 
 
 def unit(net, name="cam1", address="192.168.1.21/24", brand=3, before=()):
-    program = lan.Program.chosen()
+    program = lan.CHOSEN
     program = program._replace(emulator=[*before, "env", "LD_PRELOAD=/opt/faults.so", *program.emulator])
     host = net.host(name, address, gateway="192.168.1.1", program=program, brand=brand, port="8080")
     host.brand, host.faults = brand, Faults(host)

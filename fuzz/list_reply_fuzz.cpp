@@ -50,9 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             asked = true;
             const std::string request = Package(kListRequest);
             if (tcp) {
-                client = ConnectAndSend(kServerPort, request);
+                client = ConnectAndSend(TQ_SERVER_PORT, request);
             } else {
-                SendDatagram(sender, kServerPort, request);
+                SendDatagram(sender, TQ_SERVER_PORT, request);
             }
             return Wait::kGoOn;
         }
@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (text.empty()) {
             return Wait::kTimeOut;
         }
-        SendDatagram(sender, kClientPort, Package(text));
+        SendDatagram(sender, TQ_CLIENT_PORT, Package(text));
         return Wait::kGoOn;
     };
     RunServer([&] { TQ_Server_MORA("/tmp/TQ.pid", nullptr, &cfg); });

@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         const std::string text = NextText(input);
         if (text[0] == '@') {
-            client = ConnectAndSend(kServerPort, Package(text.substr(1)));
+            client = ConnectAndSend(TQ_SERVER_PORT, Package(text.substr(1)));
         } else {
-            SendDatagram(sender, kServerPort, Package(text));
+            SendDatagram(sender, TQ_SERVER_PORT, Package(text));
         }
         return Wait::kGoOn;
     };

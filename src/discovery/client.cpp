@@ -108,8 +108,8 @@ static time_t MonotonicSeconds() {
 int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network) {
     UniqueFd sock;
     sockaddr_in address{};
-    if (TQ_CreateUDPBroadcastSocket(kClientPort, sock.address(), &address) == -1) {
-        TQ_LOG("TQ_CreateUDPBroadcastSocket(%d) failed!\n", kServerPort);
+    if (TQ_CreateUDPBroadcastSocket(TQ_CLIENT_PORT, sock.address(), &address) == -1) {
+        TQ_LOG("TQ_CreateUDPBroadcastSocket(%d) failed!\n", TQ_SERVER_PORT);
         return 0;
     }
     int count = 0;
@@ -118,7 +118,7 @@ int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, ui
     int emptyWaits = 0;
     const time_t end = MonotonicSeconds() + kLongestCollection;
     for (int query = 0; query < kQueries; ++query) {
-        TQ_SendPackage(device, TQ_PACKAGE_QUERY, kServerPort);
+        TQ_SendPackage(device, TQ_PACKAGE_QUERY, TQ_SERVER_PORT);
         while (emptyWaits < kEmptyWaits) {
             timeval wait = kWait;
             if (WaitForSocket(sock.get(), POLLIN, &wait) < 1) {

@@ -5,8 +5,8 @@
 
 #include "unit/unit_info.h"
 
-inline constexpr uint16_t kServerPort = 6666;
-inline constexpr uint16_t kClientPort = 6667;
+inline constexpr uint16_t TQ_SERVER_PORT = 6666;
+inline constexpr uint16_t TQ_CLIENT_PORT = 6667;
 
 // Runs one discovery, which takes 1.6 seconds. `device` is the interface to send on (null: all
 // whose names begin with "eth"), `filter` a project name, letter case ignored, or null, `network` a

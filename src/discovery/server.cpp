@@ -73,7 +73,7 @@ void NativeServer::OpenListener() {
         return;
     }
     TQ_LOG_FOR(kOrigin, "CREATE TCP/IP SOCKET\n");
-    const sockaddr_in address = InternetAddress(INADDR_ANY, kServerPort);
+    const sockaddr_in address = InternetAddress(INADDR_ANY, TQ_SERVER_PORT);
     if (bind(sock.get(), AsSockaddr(address), sizeof address) == -1) {
         TQ_LOG_FOR(kOrigin, "bind error() : %s\n", strerror(errno));
         return;
@@ -88,8 +88,8 @@ void NativeServer::OpenListener() {
 
 void NativeServer::OpenUdpSocket() {
     sockaddr_in address{};
-    if (TQ_CreateUDPBroadcastSocket(kServerPort, udp_.address(), &address) == -1) {
-        TQ_LOG_FOR(kOrigin, "TQ_CreateUDPRecvAnyAddrSocket(%d) failed!\n", kServerPort);
+    if (TQ_CreateUDPBroadcastSocket(TQ_SERVER_PORT, udp_.address(), &address) == -1) {
+        TQ_LOG_FOR(kOrigin, "TQ_CreateUDPRecvAnyAddrSocket(%d) failed!\n", TQ_SERVER_PORT);
         udp_.reset();
         return;
     }
@@ -220,7 +220,7 @@ void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
         TQ_LOG_FOR(kOrigin, "socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
         return;
     }
-    const sockaddr_in client = InternetAddress(asker.sin_addr.s_addr, kClientPort);
+    const sockaddr_in client = InternetAddress(asker.sin_addr.s_addr, TQ_CLIENT_PORT);
     const ssize_t sent =
         sendto(sock.get(), reply.text.get(), reply.length, 0, AsSockaddr(client), sizeof client);
     if (sent == -1) {
@@ -251,7 +251,7 @@ void NativeServer::ServeDatagram() {
     UnitInfo package{};
     switch (TQ_ParserPackage(message_, &package)) {
         case TQ_PACKAGE_QUERY:
-            TQ_SendPackage(device_, TQ_PACKAGE_UNIT_INFO, kClientPort);
+            TQ_SendPackage(device_, TQ_PACKAGE_UNIT_INFO, TQ_CLIENT_PORT);
             break;
         case TQ_PACKAGE_LIST_REQUEST:
             AnswerListRequest(asker);

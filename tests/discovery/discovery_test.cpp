@@ -190,7 +190,7 @@ static pid_t SendReplies(const std::vector<std::string> &packages) {
     const pid_t child = fork();
     if (child == 0) {
         const UniqueFd sock(socket(AF_INET, SOCK_DGRAM, 0));
-        const sockaddr_in to = InternetAddress(htonl(INADDR_LOOPBACK), kClientPort);
+        const sockaddr_in to = InternetAddress(htonl(INADDR_LOOPBACK), TQ_CLIENT_PORT);
         usleep(300000);
         for (const std::string &package : packages) {
             sendto(sock.get(), package.data(), package.size(), 0, AsSockaddr(to), sizeof to);
@@ -229,7 +229,7 @@ TEST(Discovery, ListsWhatWasHeardTwiceInDescendingOrder) {
     // Somebody else has the clients' port, and shares it with nobody.
     UniqueFd other;
     sockaddr_in address{};
-    ASSERT_EQ(0, TQ_CreateUDPBroadcastSocket(kClientPort, other.address(), &address));
+    ASSERT_EQ(0, TQ_CreateUDPBroadcastSocket(TQ_CLIENT_PORT, other.address(), &address));
     const int off = 0;
     setsockopt(other.get(), SOL_SOCKET, SO_REUSEADDR, &off, sizeof off);
     EXPECT_NE(std::string::npos, OutputOf([&] {

@@ -1,37 +1,34 @@
 #include "kirvex/account.h"
 
+#include <map>
+
 #include "kirvex/bench.h"
 #include "kirvex/web_session.h"
 
 TEST(KirvexAccount, ChecksCharacters) {
-    const struct {
-        const char *text;
-        int account, password;
-    } cases[] = {{"", 0, 0},        {"0123456789", 0, 0}, {"azAZ!@#*-_+=,./\t", 0, -1},
-                 {"a b", -1, -1},   {"a%", -1, -1},       {"12\n", -1, -1},
-                 {"\xFF\"", -1, -1}};
-    for (const auto &row : cases) {
-        EXPECT_EQ(KIRVEX_CheckAccout(row.text), row.account) << row.text;
-        EXPECT_EQ(KIRVEX_CheckPasswd(row.text), row.password) << row.text;
+    for (int c = 1; c < 256; ++c) {
+        const char text[] = {'1', static_cast<char>(c), '\0'};
+        const bool allowed = (c < 128 && isalnum(c)) || strchr("!@#*-_+=,./\t", c);
+        EXPECT_EQ(KIRVEX_CheckAccout(text), allowed ? 0 : -1) << c;
+        EXPECT_EQ(KIRVEX_CheckPasswd(text), c >= '0' && c <= '9' ? 0 : -1) << c;
     }
 }
 
 // The web server's log: Login, Account table, Change and Kick in this order; small letters for a
 // refused login and for a kick without session. A guarded page is refused first, as often as the
 // scheme needs.
-static std::string WebLog(const std::string &requests, bool digest, const std::string &password) {
+static std::string WebLog(const std::string &requests, int refusals, const std::string &password) {
+    const std::map<char, std::string> paths = {
+        {'L', "auth/login"},
+        {'l', "auth/login"},
+        {'A', "auth/account.get"},
+        {'C', "auth/config.set?ACCOUNTSETUP_PASSWORD1[0]=" + password + "&THREAD_ID=4711"},
+        {'K', "Forcekick.set?ITSELF&THREAD_ID=4711"},
+        {'k', "Forcekick.set?ITSELF&THREAD_ID="}};
     std::string log;
     for (const char request : requests) {
-        const std::string path =
-            strchr("Ll", request) ? "auth/login"
-            : request == 'A'      ? "auth/account.get"
-            : request == 'C'
-                ? "auth/config.set?ACCOUNTSETUP_PASSWORD1[0]=" + password + "&THREAD_ID=4711"
-            : request == 'K' ? "Forcekick.set?ITSELF&THREAD_ID=4711"
-                             : "Forcekick.set?ITSELF&THREAD_ID=";
-        const std::string line = " GET /" + path + " HTTP/1.1\n";
-        const int refusals = path[0] == 'F' ? 0 : digest ? 2 : 1;
-        for (int i = 0; i < refusals; ++i) {
+        const std::string line = " GET /" + paths.at(request) + " HTTP/1.1\n";
+        for (int i = 0; i < refusals && tolower(request) != 'k'; ++i) {
             log += "401" + line;
         }
         log += (request == 'l' ? "401" : "200") + line;
@@ -40,16 +37,14 @@ static std::string WebLog(const std::string &requests, bool digest, const std::s
 }
 
 TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
-    const std::string full = std::string(47, '1') + "Z";  // fills its area
-    const std::string digits(48, '7');
+    const std::string full = std::string(47, '1') + "Z", digits(48, '7');  // they fill their areas
     const struct {
         std::vector<std::string> texts;
         int error;  // -1: a failure without number
         const char *requests;
         const char *session = "";  // somebody else's
     } cases[] = {
-        {{"admin", "1234", "a\tb", "5678"}, 0, "LACK"},
-        {{"admin", "1234", "", ""}, 0, "LACK"},
+        {{"admin", "1234", "a\tb", ""}, 0, "LACK"},
         {{"admin", "1234", "", digits}, 0, "LACK"},
         {{"admin", "1234", "", "5678"}, -1, "Lkk", "9999"},
         {{"admin", "wrong", "", "1"}, -1, "lk"},
@@ -61,11 +56,11 @@ TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
         {{"admin", "1234", digits, "1 "}, 1003, "k"},
         {{"admin", "1234", "", full}, 1013, "k"},
     };
-    const Child server = StartServer();
+    const Server server;
     for (const bool digest : {false, true}) {
         for (const auto &row : cases) {
             SCOPED_TRACE(testing::PrintToString(row.texts) + (digest ? "digest" : "basic"));
-            Child web = StartPages(digest ? "digest" : "basic");
+            AccountPages web(digest ? "digest" : "basic");
             WriteFile(kPages + "session", row.session);
             const bool filled = row.error == 1002 || row.error == 1012;
             EXPECT_EQ(
@@ -73,10 +68,10 @@ TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
                 StatusReply(0xA4, row.error != 0, std::max(row.error, 0), 0, 0, filled ? 'Z' : 0));
             web.Stop();
             std::string log = ReadFile(kPages + "log");
-            if (log.find("400") != std::string::npos) {
+            if (Holds(log, "400")) {
                 log.replace(log.find("400"), 3, "401");  // the name with a line end in Digest
             }
-            EXPECT_EQ(log, WebLog(row.requests, digest, row.texts[3]));
+            EXPECT_EQ(log, WebLog(row.requests, digest ? 2 : 1, row.texts[3]));
             EXPECT_EQ(ReadFile(kPages + "passwd"),
                       "admin:" + (row.error ? "1234" : row.texts[3]) + "\n");
         }
@@ -90,79 +85,67 @@ static std::string Page(const std::string &body) {
 TEST(KirvexAccount, OutlivesABrokenWebServer) {
     const std::string login = "Username=[ADMIN] id=[7]</p>\n", table = "Privilege</td></tr>";
     const std::string challenge = "HTTP/1.1 401 No\r\nWWW-Authenticate: Digest nonce=\"";
-    const std::string longId(70000, 'A');
+    const std::string longId(70000, 'A'), none = "none";
+    const std::string failed =
+        "KIRVEX_Reply_ChangeIDPwd(): break connection failed - ip[127.0.0.1] "
+        "kickArg[ITSELF&THREAD_ID=";
     const struct {
         std::string answer;
         int error;
-        int requests;
-        const char *unreleased;  // the session id that could not be released
-        size_t repeat = 1;
+        size_t requests;
+        std::string unreleased;  // the session that could not be released, to the log's end
     } cases[] = {
-        {Page(login + table + "<tr><td>guest</td></tr>Success"), 0, 7, nullptr},
-        {Page(login + "Success"), 1011, 5, nullptr},
-        {Page(login + table), 1011, 7, "7"},
-        {Page("Username=[admin] ID=[7</p>\r\nSuccess"), -1, 3, nullptr},
-        {Page("Success Username=[admin] ID=[" + longId), -1, 3, nullptr},
+        {Page(login + table + "<tr><td>guest</td></tr>Success"), 0, 7, none},
+        {Page(login + "Success"), 1011, 5, none},
+        {Page(login + table), 1011, 7, "7]\n"},
+        {Page("Username=[admin] ID=[7</p>\r\nSuccess"), -1, 3, none},
+        {Page("Success Username=[admin] ID=[" + longId), -1, 3, none},
         {Page("Username=[admin] ID=[" + longId + "\nThere is another administrator online"), -1, 3,
-         "A", 511},
-        {Page(std::string(1 << 20, 'x')), -1, 3, ""},
-        {Page("ID=[7]</p>\n]</p> and there is ANOTHER administrator online"), -1, 4, ""},
-        {challenge + std::string(600, 'n') + "\",realm=\"%s\",qop=\"%n\r\n\r\n", -1, 4, ""},
-        {std::string("\0\xFF%n%s\r\n", 8), -1, 3, ""},
-        {"", -1, 3, ""},
+         longId.substr(0, 511) + "]\n"},
+        {Page(std::string(1 << 20, 'x')), -1, 3, "]\n"},
+        {Page("ID=[7]</p>\n]</p> and there is ANOTHER administrator online"), -1, 4, "]\n"},
+        {challenge + std::string(600, 'n') + "\",realm=\"%s\",qop=\"%n\r\n\r\n", -1, 4, "]\n"},
+        {"\0\xFF%n%s\r\n"s, -1, 3, "]\n"},
+        {"", -1, 3, "]\n"},
     };
-    const Child server = StartServer();
+    const Server server;
     const std::string request = Header(0xA4) + Credentials({"admin", "1234", "admin", "5678"});
-    const std::string descriptors = "/proc/" + std::to_string(server.pid()) + "/fd";
+    const std::string descriptors = "/proc/" + std::to_string(server.pid) + "/fd";
     EXPECT_EQ(Ask(request), StatusReply(0xA4, 1, 0)) << "no web server at all";
     const std::string open = ListFolder(descriptors);
     for (const auto &row : cases) {
         SCOPED_TRACE(row.answer.substr(0, 80));
         WriteFile(kServerLog, "");
-        Child web = StartCanned(8080, row.answer);
+        ScriptedServer web = Canned(8080, row.answer);
         EXPECT_EQ(Ask(request), StatusReply(0xA4, row.error != 0, std::max(row.error, 0)));
-        web.Stop();
-        const std::string lines = ReadFile(kCannedLog), log = Shorten(ReadFile(kServerLog));
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), row.requests) << lines;
-        std::string message =
-            "KIRVEX_Reply_ChangeIDPwd(): break connection failed - ip[127.0.0.1] "
-            "kickArg[ITSELF&THREAD_ID=";
-        for (size_t i = 0; row.unreleased && i < row.repeat; ++i) {
-            message += row.unreleased;
-        }
-        EXPECT_EQ(log.find(message + "]\n") != std::string::npos, row.unreleased != nullptr) << log;
+        EXPECT_EQ(web.Requests().size(), row.requests);
+        const std::string log = Shorten(ReadFile(kServerLog));
+        const size_t at = log.find(failed);
+        EXPECT_EQ(at == log.npos ? none : log.substr(at + failed.size()), row.unreleased);
     }
     EXPECT_EQ(ListFolder(descriptors), open);
 }
 
 TEST(KirvexAccount, ChangesOtherRowsOnTheDefaultPort) {
-    const struct {
-        const char *body;
-        int result;
-    } cases[] = {
+    const std::pair<const char *, int> cases[] = {
         {"ACCOUNTSETUP_ACCOUNT[2] success ACCOUNTSETUP_PASSWORD1[2] success", 0},
         {"ACCOUNTSETUP_ACCOUNT[2] ACCOUNTSETUP_PASSWORD1[2] success", -1},
         {"ACCOUNTSETUP_ACCOUNT[2] failed", -2},
         {"success accountsetup_account[2] success", -2},
-        {"", -1},
-    };
-    const std::string line =
-        "GET /auth/config.set?ACCOUNTSETUP_ACCOUNT[2]=bob&"
-        "ACCOUNTSETUP_PASSWORD1[2]=2&THREAD_ID=7 HTTP/1.1\n";
-    for (const auto &row : cases) {
-        Child web = StartCanned(80, Page(row.body));
+        {"", -1}};
+    for (const auto &[body, result] : cases) {
+        ScriptedServer web = Canned(80, Page(body));
         EXPECT_EQ(KIRVEX_AppwebChangeIDPwd("127.0.0.1", "81", {"admin", "1"}, {"bob", "2"}, 2, "7"),
-                  row.result)
-            << row.body;
-        web.Stop();
-        EXPECT_EQ(ReadFile(kCannedLog), line + line);
+                  result)
+            << body;
+        EXPECT_EQ(web.Requests().size(), 2u);
+        EXPECT_TRUE(web.Requests().back().starts_with(
+            "GET /auth/config.set?ACCOUNTSETUP_ACCOUNT[2]=bob&ACCOUNTSETUP_PASSWORD1[2]=2&"
+            "THREAD_ID=7 HTTP/1.1\r\n"));
     }
 }
 
-TEST(KirvexAccount, GivesUpOnASilentWebServer) {
-    const UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = InternetAddress(htonl(INADDR_LOOPBACK), 8090);
-    ASSERT_EQ(bind(listener.get(), AsSockaddr(address), sizeof address), 0);
-    ASSERT_EQ(listen(listener.get(), 1), 0);
+static testing::Environment *const kSilentWeb = testing::AddGlobalTestEnvironment(new Beside([] {
+    ScriptedServer web(HoldOpen, 8090);
     EXPECT_EQ(KIRVEX_AppwebForceKick("127.0.0.1", "8090", {"admin", ""}, "ITSELF"), -1);
-}
+}));

@@ -1,132 +1,99 @@
-// What the KIRVEX tests stand on: a LAN behind eth0, the server and web servers in processes of
-// their own, and requests put together by hand.
+// What the KIRVEX tests stand on: a LAN behind eth0, the server and the account pages in processes
+// of their own, and requests put together by hand.
 #pragma once
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/socket.h>
 
 #include <filesystem>
-#include <functional>
-#include <vector>
+#include <regex>
 
 #include "common/base64.h"
-#include "common/socket.h"
-#include "common/unique_fd.h"
 #include "kirvex/server.h"
-#include "support/files.h"
+#include "support/peers.h"
 
-inline const std::string kServerLog = "/tmp/server.log";
-inline const std::string kCannedLog = "/tmp/canned.log";
-inline const std::string kPages = "/tmp/account-pages/";
+inline const std::string kServerLog = "/tmp/server.log", kPages = "/tmp/account-pages/";
 
-// While it lives, new sockets belong to the other end of eth0's cable: 192.168.1.30 on lan0.
-class OnLan {
-  public:
-    OnLan() : home_(open("/proc/self/ns/net", O_RDONLY)) {
-        if (!std::filesystem::exists("/run/netns/lan")) {
-            Shell(
-                "ip netns add lan && ip link set lan0 netns lan && ip -n lan link set lan0 up &&"
-                "ip -n lan address add 192.168.1.30/24 dev lan0 &&"
-                "ip route add default via 192.168.1.1");
-        }
-        EXPECT_EQ(setns(UniqueFd(open("/run/netns/lan", O_RDONLY)).get(), CLONE_NEWNET), 0);
-    }
-    ~OnLan() { EXPECT_EQ(setns(home_.get(), CLONE_NEWNET), 0); }
-
-  private:
-    UniqueFd home_;
-};
+// Runs a call for which new sockets belong to the other end of eth0's cable: 192.168.1.30 on lan0.
+inline int OnLan(const std::function<int()> &call) {
+    static const UniqueFd home(open("/proc/self/ns/net", O_RDONLY)), lan([] {
+        Shell(
+            "ip netns add lan && ip link set lan0 netns lan && ip -n lan link set lan0 up &&"
+            "ip -n lan address add 192.168.1.30/24 dev lan0 && ip route add default via "
+            "192.168.1.1");
+        return open("/run/netns/lan", O_RDONLY);
+    }());
+    EXPECT_EQ(setns(lan.get(), CLONE_NEWNET), 0);
+    const int result = call();
+    EXPECT_EQ(setns(home.get(), CLONE_NEWNET), 0);
+    return result;
+}
 
 // A child process that ends with the object; what it prints goes to a file.
-class Child {
-  public:
+struct Child {
     Child(const std::string &output, const std::function<void()> &body) {
-        const UniqueFd file(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644));
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(file.get(), STDOUT_FILENO);
+        WriteFile(output, "");
+        pid = fork();
+        if (pid == 0) {
+            dup2(open(output.c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
             setvbuf(stdout, nullptr, _IOLBF, 0);
             body();
             _exit(1);
         }
     }
-    Child(Child &&other) noexcept : pid_(other.pid_) { other.pid_ = 0; }
     ~Child() { Stop(); }
     void Stop() {
-        if (alive()) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-            pid_ = 0;
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
         }
+        pid = 0;
     }
-    bool alive() {
-        pid_ = pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0 ? pid_ : 0;
-        return pid_ > 0;
+    bool alive() const {
+        siginfo_t end{};
+        waitid(P_PID, pid, &end, WEXITED | WNOHANG | WNOWAIT);
+        return end.si_pid == 0;
     }
-    pid_t pid() const { return pid_; }
-
-  private:
-    pid_t pid_;
+    pid_t pid;
 };
 
-inline Child StartServer() {
-    WriteFile("/etc/Port", "8080\n");
-    Child server(kServerLog, [] { TQ_Server_KIRVEX(nullptr, nullptr); });
-    while (server.alive() && ReadFile(kServerLog).find("UDP Socket (fd = ") == std::string::npos) {
-        usleep(1000);
+struct Server : Child {
+    Server() : Child(kServerLog, [] { TQ_Server_KIRVEX(nullptr, nullptr); }) {
+        WriteFile("/etc/Port", "8080\n");
+        while (alive() && !Holds(ReadFile(kServerLog), "UDP Socket (fd = ")) {
+            usleep(1000);
+        }
     }
-    return server;
-}
+};
 
 // The account pages on port 8080; `scheme` is "basic" or "digest".
-inline Child StartPages(const std::string &scheme) {
-    Child server("/dev/null", [&] {
-        const auto program =
-            std::filesystem::path(__FILE__).parent_path() / "../support/account-pages";
-        execl(program.c_str(), program.c_str(), scheme.c_str(), "8080", nullptr);
-    });
-    const sockaddr_in address = InternetAddress(htonl(INADDR_LOOPBACK), 8080);
-    while (server.alive() && connect(UniqueFd(socket(AF_INET, SOCK_STREAM, 0)).get(),
-                                     AsSockaddr(address), sizeof address) != 0) {
-        usleep(1000);
-    }
-    return server;
-}
-
-// A web server that gives every request the same bytes and closes; request lines go to kCannedLog.
-inline Child StartCanned(uint16_t port, const std::string &answer) {
-    const UniqueFd listener(socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = InternetAddress(htonl(INADDR_LOOPBACK), port);
-    const int on = 1;
-    setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    EXPECT_EQ(bind(listener.get(), AsSockaddr(address), sizeof address), 0);
-    EXPECT_EQ(listen(listener.get(), 16), 0);
-    return Child(kCannedLog, [&] {
-        char request[4096];
-        while (true) {
-            const UniqueFd peer(accept(listener.get(), nullptr, nullptr));
-            const ssize_t length = recv(peer.get(), request, sizeof request, 0);
-            const std::string text(request, length > 0 ? length : 0);
-            dprintf(STDOUT_FILENO, "%s\n", text.substr(0, text.find('\r')).c_str());
-            send(peer.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+struct AccountPages : Child {
+    explicit AccountPages(const std::string &scheme)
+        : Child("/dev/null", [&] {
+              const auto room = std::filesystem::path(__FILE__).parent_path();
+              const std::string program = room / "../support/account-pages";
+              execl(program.c_str(), program.c_str(), scheme.c_str(), "8080", nullptr);
+          }) {
+        while (alive() && !Holds(ReadFile("/proc/net/tcp"), ":1F90 00000000:0000 0A")) {
+            usleep(1000);
         }
-    });
-}
+    }
+};
 
-inline std::string Bytes(std::initializer_list<int> values, size_t size = 0) {
-    std::string text(values.begin(), values.end());
-    text.resize(std::max(size, text.size()));
-    return text;
+// A web server on a port that gives every request the same bytes.
+inline ScriptedServer Canned(uint16_t port, const std::string &answer) {
+    return ScriptedServer([answer](int peer) { SendBytes(peer, answer); }, port);
 }
 
 // A text as a field of this size, cut or padded.
 inline std::string Field(std::string text, size_t size) {
     text.resize(size);
     return text;
+}
+
+inline std::string Bytes(std::initializer_list<int> values) {
+    return std::string(values.begin(), values.end());
 }
 
 inline const std::string kUnit = Bytes({2, 0, 0x5E, 0, 0x53, 1, 192, 168, 1, 20});
@@ -145,11 +112,12 @@ inline std::string Credentials(const std::vector<std::string> &texts) {
     return fields;
 }
 
-// Settings for 192.168.1.44/24 with name server 10.0.0.9.
-inline std::string Settings(const std::string &name, bool dhcp, in_addr_t gateway) {
-    const uint8_t *bytes = reinterpret_cast<uint8_t *>(&gateway);
+// Settings for 192.168.1.44/24 with name server 10.0.0.9; DHCP without a gateway.
+inline std::string Settings(const std::string &name, const std::string &gateway) {
+    const in_addr_t quad = inet_addr(gateway.c_str());
     return Field(name, 64) + Bytes({192, 168, 1, 44, 0, 0, 0, 0, 255, 255, 255, 0}) +
-           Bytes({bytes[0], bytes[1], bytes[2], bytes[3], 10, 0, 0, 9, 0, 0, 0, 0, dhcp});
+           std::string(reinterpret_cast<const char *>(&quad), sizeof quad) +
+           Bytes({10, 0, 0, 9, 0, 0, 0, 0, gateway.empty()});
 }
 
 // The reply of 38 bytes to the two setting operations.
@@ -164,37 +132,32 @@ inline std::string StatusReply(int operation, int code, int error, int status = 
 // empty when the next reply is to the marked query that is sent behind the request.
 inline std::string Ask(
     const std::string &request, const std::function<void()> &atReply = [] {}) {
-    UniqueFd sock;
-    {
-        const OnLan lan;
-        sock.reset(socket(AF_INET, SOCK_DGRAM, 0));
-    }
+    const UniqueFd sock(OnLan([] { return socket(AF_INET, SOCK_DGRAM, 0); }));
     const sockaddr_in unit = InternetAddress(inet_addr("192.168.1.20"), 62976);
     const std::string mark = Header(0xA5).replace(2, 2, 2, '\x7F');
-    for (const std::string &text : {request, mark}) {
-        sendto(sock.get(), text.data(), text.size(), 0, AsSockaddr(unit), sizeof unit);
-    }
+    EXPECT_EQ(connect(sock.get(), AsSockaddr(unit), sizeof unit), 0);
+    SendBytes(sock.get(), request);
+    SendBytes(sock.get(), mark);
     for (std::string first;;) {
         char reply[1024];
-        static time_t patience = 30;  // no more of it once the server was silent
-        timeval limit{patience, 0};
-        const bool heard = WaitForSocket(sock.get(), POLLIN, &limit) == 1;
-        EXPECT_TRUE(heard) << "the server is silent";
-        patience = heard ? patience : 1;
-        const std::string text(reply, heard ? recv(sock.get(), reply, sizeof reply, 0) : 0);
-        if (!heard || (text.size() == 22 && text[2] == mark[2])) {
+        timeval patience{10, 0};
+        WaitForSocket(sock.get(), POLLIN, &patience);
+        const ssize_t size = recv(sock.get(), reply, sizeof reply, MSG_DONTWAIT);
+        EXPECT_GE(size, 0) << "the server is silent";
+        if (size < 0 || (size == 22 && reply[2] == mark[2])) {
             return first;
         }
-        first = text;
+        first.assign(reply, size);
         atReply();
     }
 }
 
 // Messages without source and line.
 inline std::string Shorten(const std::string &log) {
-    std::string kept;
-    for (size_t at = 0, end; (end = log.find('\n', at)) != std::string::npos; at = end + 1) {
-        kept += log.substr(log.find(':', at) + 1, end - log.find(':', at));
-    }
-    return kept;
+    return std::regex_replace(log, std::regex("(^|\n)\\w+,\\d+:"), "$1");
+}
+
+// These lines as a function says them.
+inline std::string Said(const std::string &function, const std::string &lines) {
+    return std::regex_replace(lines, std::regex("(.+)\n"), function + "(): $1\n");
 }

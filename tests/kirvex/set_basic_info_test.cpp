@@ -51,7 +51,7 @@ TEST(KirvexSetBasicInfo, RewritesFilesAndRestartsTheNetwork) {
     };
     WriteFile("/etc/init.d/networking", "#!/bin/sh\nsleep 0.3; echo \"$0 $*\" >>/tmp/restart\n");
     Shell("chmod +x /etc/init.d/networking; ln -s /bin/busybox /tmp/udhcpc");
-    const Child server = StartServer();
+    const Server server;
     for (const auto &row : cases) {
         SCOPED_TRACE(std::string(row.account) + ":" + row.name + ":" + row.prepare);
         Shell("rm -rf /etc/resolv.conf /tmp/restart");
@@ -59,26 +59,25 @@ TEST(KirvexSetBasicInfo, RewritesFilesAndRestartsTheNetwork) {
         WriteFile("/etc/resolv.conf", kResolver);
         WriteFile(kServerLog, "");
         Shell(":;" + row.prepare);
-        Child web = StartPages(row.scheme);
+        AccountPages web(row.scheme);
         Child dhcpClient("/dev/null", [] {
             dup2(STDOUT_FILENO, STDERR_FILENO);
             execl("/tmp/udhcpc", "udhcpc", "-f", "-i", "eth0", "-s", "/bin/true", nullptr);
         });
-        const bool done = row.outcome == kDone, isStatic = *row.gateway;
-        const std::string request = Header(0xA2) + Credentials({row.account, "1234"}) +
-                                    Settings(row.name, !isStatic, inet_addr(row.gateway));
+        const bool done = row.outcome == kDone;
+        const std::string request =
+            Header(0xA2) + Credentials({row.account, "1234"}) + Settings(row.name, row.gateway);
         EXPECT_EQ(Ask(request, [] { EXPECT_NE(access("/tmp/restart", F_OK), 0) << "too early"; }),
                   StatusReply(0xA2, row.outcome == kRefused, row.error, done * 2, done * 3));
         web.Stop();
         EXPECT_EQ(ReadFile("/tmp/restart"), done ? "/etc/init.d/networking restart eth0\n" : "");
-        EXPECT_EQ(dhcpClient.alive(), !done || !isStatic);
+        EXPECT_EQ(dhcpClient.alive(), !done || !*row.gateway);
         EXPECT_EQ(ReadFile("/mtd1/interfaces"), row.interfaces);
         EXPECT_EQ(ReadFile("/etc/resolv.conf"), row.resolver);
-        EXPECT_NE(ReadFile(kServerLog).find(row.message), std::string::npos)
-            << ReadFile(kServerLog);
+        EXPECT_TRUE(Holds(ReadFile(kServerLog), row.message)) << ReadFile(kServerLog);
         const std::string log = ReadFile(kPages + "log");
-        EXPECT_EQ(log.empty(), row.account == std::string("Admin"));
-        EXPECT_EQ(log.find("THREAD_ID=4711") != log.npos, row.account == std::string("admin"));
+        EXPECT_EQ(log.empty(), row.account == "Admin"s);
+        EXPECT_EQ(Holds(log, "THREAD_ID=4711"), row.account == "admin"s);
         EXPECT_EQ(ListFolder(kPages + "session /tmp/TQ_* /var/COM_* 2>/dev/null"), "");
         Shell("umount -q /mtd1; true");
     }
@@ -86,7 +85,7 @@ TEST(KirvexSetBasicInfo, RewritesFilesAndRestartsTheNetwork) {
 
 TEST(KirvexSetBasicInfo, LeavesTheHostNameOutForNobody) {
     WriteFile("/mtd1/interfaces", "iface eth01 inet static\n");
-    const std::string settings = Settings("(none)", true, 0);
+    const std::string settings = Settings("(none)", "");
     EXPECT_EQ(KIRVEX_NetWorkSetup("eth0", reinterpret_cast<const uint8_t *>(settings.data())), 0);
     EXPECT_EQ(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n");
 }

@@ -78,17 +78,16 @@ def test_replies_on_the_wire(net):
         assert_broadcast(sent, source, broadcast, CLIENT_PORT, package(1, *host.record(number)) + b"\0")
 
 
-@pytest.mark.parametrize("start, second_address, answered", [
-    (["-I", "eth0"], "10.1.0.25/24", [2, 0]), (["-I", "eth1"], "10.1.0.25/24", [0, 2]),
-    ([], "10.1.0.25/24", [2, 2]), ([], "", [2, 0]), (["-I", "eth7"], "10.1.0.25/24", [0, 0])])
-def test_interfaces_answered_on(net, start, second_address, answered):
+def test_interfaces_answered_on(net):
     host = net.host("double", "192.168.1.25/24", eth1="10.1.0.25/24", gateway="192.168.1.1")
-    if not second_address:
-        host.run("ip address flush dev eth1")
-    host.start_tq(*start)
-    captures = [lan.Capture("double.0"), lan.Capture("double.1")]
-    net.desk.ask(patience=1)
-    assert [len(capture.datagrams()) for capture in captures] == answered
+    for address, start, answered in (("10.1.0.25/24", ["-I", "eth0"], [2, 0]), ("10.1.0.25/24", ["-I", "eth1"], [0, 2]),
+                                     ("10.1.0.25/24", ["-I", "eth7"], [0, 0]), ("", [], [2, 0])):
+        lan.ip("address flush dev eth1", address and f"address add {address} dev eth1", host=host)
+        host.start_tq(*start)
+        captures = [lan.Capture("double.0"), lan.Capture("double.1")]
+        net.desk.ask(patience=1)
+        assert [len(capture.datagrams()) for capture in captures] == answered, start
+        host.stop_all()
 
 
 def tcp_request(net, host, data=LIST_REQUEST, receive_buffer=None):
@@ -179,26 +178,9 @@ def test_silent_tcp_client_is_dropped_after_five_seconds(net):
     assert_serves(net, host)
 
 
-INTERFACES = """# Made by the installer
-auto lo eth0
-iface lo inet loopback
-
-# the first port
-auto eth0
-iface eth0 inet static
-  address 192.168.1.21
-  # dropped with its stanza
-  netmask 255.255.255.0
-
-auto eth1
-iface eth1 inet dhcp
-  hostname spare"""
-STATIC = """iface eth0 inet static
-  address 10.0.0.7
-  netmask 255.0.0.0
-  gateway 10.255.255.254
-
-"""
+OLD = "iface eth0 inet static\n  address 192.168.1.21\n  # dropped with its stanza\n  netmask 255.255.255.0\n\n"
+NEW = "iface eth0 inet static\n  address 10.0.0.7\n  netmask 255.0.0.0\n  gateway 10.255.255.254\n\n"
+INTERFACES = f"auto lo\niface lo inet loopback\n# the first port\nauto eth0\n{OLD}auto eth1\niface eth1 inet dhcp"
 
 
 def test_network_setup(net):
@@ -206,9 +188,7 @@ def test_network_setup(net):
              "etc/tq.conf": 'NETSETUP=YES\nNETFILE="/mtd1/interfaces"\nUSERSCRIPT="/etc/init.d/networking by  user"\n'}
     host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", dns="8.8.8.8", files=files)
     settings = {"ip": "10.0.0.7", "netmask": "255.0.0.0", "gateway": "10.255.255.254", "dns": "10.0.0.53"}
-    old = INTERFACES[INTERFACES.index("iface eth0"):INTERFACES.index("auto eth1")]
-    static = INTERFACES.replace(old, STATIC)
-    dhcp = INTERFACES.replace(old, "iface eth0 inet dhcp\n  hostname cam1\n\n")
+    static, dhcp = (INTERFACES.replace(OLD, new) for new in (NEW, "iface eth0 inet dhcp\n  hostname cam1\n\n"))
     resolver = files["etc/resolv.conf"].replace("Nameserver 192.168.1.2", "nameserver 10.0.0.53")
     calls = "restart\nby user\n"
 
@@ -274,12 +254,8 @@ def test_port_taken(net, kind, message, other):
     else:
         assert lan.records(read_all(tcp_request(net, host)))[0] == ["01", *neighbour.record()]
     time.sleep(1)
-    assert cpu_seconds(host) < 1, "a missing socket must not keep the server busy"
-
-
-def cpu_seconds(host):
-    fields = host.run("cat /proc/$(cat /var/run/TQ.pid)/stat").rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / 100
+    nanoseconds = int(host.run("cat /proc/$(cat /var/run/TQ.pid)/schedstat").split()[0])
+    assert nanoseconds < 1e9, "a missing socket must not keep the server busy"
 
 
 def test_any_datagram_is_survived(net):
@@ -324,7 +300,6 @@ def test_watchdog(net):
                 "var/watchdog/REBOOT.later": "soon", "var/watchdog/RERUN.bare": "0"})
     lan.wait_until(lambda: host.path("var/rerun").is_file() and host.path("var/rerun").read_text() == "100%\n")
     signals = host.path("var/signals")
-    assert not signals.exists()
     lan.wait_until(signals.exists)
     assert signals.read_text() == "USR1\n" and time.time() >= due
     host.write({"var/watchdog/REBOOT": "0"})

@@ -1,7 +1,6 @@
 #include "net/dns.h"
 
 #include <bit>
-#include <random>
 
 #include "net/peers.h"
 
@@ -27,14 +26,10 @@ static std::string Answer(const std::string &address, char timeToLive = 0) {
 
 TEST(Dns, QueryPacket) {
     const std::string label(300, 'x');
-    const std::pair<std::string, std::string> cases[] = {{"ab.cde", "\2ab\3cde"},
-                                                         {"x@ab.cde", "\2ab\3cde"},
+    const std::pair<std::string, std::string> cases[] = {{"x@ab.cde", "\2ab\3cde"},
                                                          {"a.b.", "\1a\2b."},
                                                          {"a..b", "\1a\0\1b"s},
-                                                         {".a", "\0\1a"s},
                                                          {"x.y@", "\0"s},
-                                                         {".", "\1."},
-                                                         {label, "\x2C" + label},
                                                          {label + ".y", "\x2C" + label + "\1y"}};
     std::vector<unsigned char> packet(kDnsQuerySize);
     for (const auto &[name, labels] : cases) {
@@ -60,20 +55,17 @@ TEST(Dns, ScansReplies) {
         {Reply(1, one.substr(0, 8)), ""},
         {Reply(1, "").substr(0, 17), ""},
         {Reply(1, "").substr(0, 15) + "\0\4\x7F"s, "127.0.0.0 "}};
-    for (const auto &[reply, addresses] : cases) {
-        DnsAddrEntry entries[kDnsMaxAddresses] = {};
+    const auto scan = [](const std::string &reply, DnsAddrEntry *entries) {
         const std::vector<unsigned char> bytes(reply.begin(), reply.end());
-        const int result = DNS_ParserAPacket(bytes.data(), static_cast<int>(bytes.size()), entries);
-        EXPECT_EQ(result, addresses.empty() ? -1 : 0);
-        EXPECT_EQ(Listed(entries, result == 0 ? std::min<int>(reply[7], 10) : 0), addresses);
-    }
-    std::mt19937 random(1);
-    for (int i = 0; i < 5000; ++i) {
-        std::vector<unsigned char> bytes(12 + random() % 1012);
-        std::generate(bytes.begin(), bytes.end(),
-                      [&] { return random() % (random() % 4 ? 256 : 5); });
-        DnsAddrEntry entries[kDnsMaxAddresses] = {};
-        DNS_ParserAPacket(bytes.data(), static_cast<int>(bytes.size()), entries);
+        return DNS_ParserAPacket(bytes.data(), static_cast<int>(bytes.size()), entries);
+    };
+    for (const auto &[reply, addresses] : cases) {
+        DnsAddrEntry entries[kDnsMaxAddresses] = {}, others[kDnsMaxAddresses] = {};
+        EXPECT_EQ(scan(reply, entries), addresses.empty() ? -1 : 0);
+        EXPECT_EQ(Listed(entries, addresses.empty() ? 0 : std::min<int>(reply[7], 10)), addresses);
+        for (size_t size = 0; size < reply.size(); ++size) {
+            scan(reply.substr(0, size), others);  // never read behind its end
+        }
     }
 }
 
@@ -95,16 +87,17 @@ TEST(Dns, AsksAtMostThreeTimes) {
         const BoundSocket server(SOCK_DGRAM);
         int asked = 0;
         std::thread thread([&, &script = answers] {
-            for (; asked < static_cast<int>(script.size()) && Readable(server.fd.get(), 1500);
-                 ++asked) {
-                char query[2048];
-                const ssize_t length = recv(server.fd.get(), query, sizeof query, 0);
-                EXPECT_EQ(std::string(query, length), kHeader + "\2ab\3cde" + kTail);
-                sendto(script[asked].empty() ? -1 : server.fd.get(), script[asked].data(),
-                       script[asked].size(), 0, AsSockaddr(client.address), sizeof client.address);
+            char query[2048];
+            for (ssize_t size; (size = recv(server.fd.get(), query, sizeof query, 0)) > 0;) {
+                EXPECT_EQ(std::string(query, size), kHeader + "\2ab\3cde" + kTail);
+                const std::string answer = asked < std::ssize(script) ? script[asked] : "";
+                ++asked;
+                sendto(answer.empty() ? -1 : server.fd.get(), answer.data(), answer.size(), 0,
+                       AsSockaddr(client.address), sizeof client.address);
             }
         });
         EXPECT_EQ(DNS_SendAQuery(client.fd.get(), &server.address, "ab.cde", entries, 1), result);
+        sendto(client.fd.get(), "", 0, 0, AsSockaddr(server.address), sizeof server.address);
         thread.join();
         EXPECT_EQ(asked, queries);
     }
@@ -130,7 +123,7 @@ TEST(Dns, NameServersOfTheFile) {
 }
 
 TEST(Dns, AsksARealServer) {
-    ASSERT_TRUE(HaveNameServer());
+    ServeNames();
     const std::tuple<std::string, const char *, const char *, const char *> cases[] = {
         {"127.0.0.1", "user@one.test", "10.0.0.1 - ", ""},
         {"127.0.0.1", "nvr.test", "127.0.0.1 127.0.0.77 ", ""},
@@ -159,3 +152,19 @@ TEST(Dns, AsksARealServer) {
     EXPECT_TRUE(Holds(got.messages, "fopen(/etc/resolv.conf) error : No such file or directory\n"));
     EXPECT_EQ(got.result, -1);
 }
+
+// The usual wait for the first of the questions.
+static testing::Environment *const kSilentServer = testing::AddGlobalTestEnvironment(new Beside([] {
+    const BoundSocket server(SOCK_DGRAM), client(SOCK_DGRAM);
+    const time_t start = time(nullptr);
+    DnsAddrEntry entries[kDnsMaxAddresses] = {};
+    std::thread asks(DNS_SendAQuery, client.fd.get(), &server.address, "a.b", entries, -1);
+    char query[64];
+    recv(server.fd.get(), query, sizeof query, 0);
+    recv(server.fd.get(), query, sizeof query, 0);
+    EXPECT_NEAR(time(nullptr) - start, 20.5, 0.6);
+    const std::string reply = Reply(1, Answer("\1\2\3\4"));
+    sendto(server.fd.get(), reply.data(), reply.size(), 0, AsSockaddr(client.address),
+           sizeof client.address);
+    asks.join();
+}));

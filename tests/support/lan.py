@@ -6,9 +6,9 @@
         cam.start_tq("-I", "eth0")          # TQ -D, its output in cam.log()
         print(net.host("desk", "192.168.1.20/24").tq())
 
-Each host has its own network, mounts, process table, host name and IPC, a root of its own (/etc, /var,
-/mtd1, /tmp, /run; the machine's programs under it, read-only), and a process table whose number 1 is called "init" and notes the
-signals that it gets. The caller's own network namespace, also a private one, is the switch.
+Each host has its own network, mounts, host name, IPC, root folder (see tests/support/root) and process table,
+whose number 1 is called "init" and notes the signals that it gets. The caller's own network namespace, also a
+private one, is the switch.
 """
 import base64
 import ctypes
@@ -36,7 +36,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _NEWNS, _NEWUTS, _NEWIPC, _NEWUSER, _NEWPID, _NEWNET = (
     0x20000, 0x4000000, 0x8000000, 0x10000000, 0x20000000, 0x40000000)
 _PRIVATE = _NEWNS | _NEWUTS | _NEWIPC | _NEWPID | _NEWNET
-_PR_SET_PDEATHSIG, _SO_RCVBUFFORCE, _ETH_P_ALL, _SO_TIMESTAMPNS = 1, 33, 3, 35
+_PR_SET_PDEATHSIG, _ETH_P_ALL, _SO_TIMESTAMPNS = 1, 3, 35
 
 
 def _call(function, *arguments):
@@ -45,7 +45,7 @@ def _call(function, *arguments):
 
 
 def _skip(what):
-    print(f"lan: {what}: no virtual LAN on this machine", file=sys.stderr)
+    print(f"lan: no virtual LAN here: {what}", file=sys.stderr)
     os._exit(SKIPPED)
 
 
@@ -102,16 +102,14 @@ def records(data):
 QUERY = package(0, "tool") + b"\0"
 LIST_REQUEST = package(2, *(["x"] * 3), "1.1.1.1", "80", "255.0.0.0", *(["x"] * 2), "00:00:00:00:00:00",
                        *(["x"] * 2))
+SEARCH, SETUP, VERIFY, CHANGE = range(0xA1, 0xA5)
 
 
-SEARCH, SETUP, VERIFY, CHANGE, OPTIONS = range(0xA1, 0xA6)
-
-
-def kirvex_request(operation, host=None, body=b"", mode=b"ww", sequence=b"\x12\x34"):
+def kirvex_request(operation, host=None, body=b"", mode=b"ww"):
     """A KIRVEX datagram for one host, or for all."""
-    target = bytes.fromhex(host.macs[0].replace(":", "")) + socket.inet_aton(host.record()[3]) if host else (
-        b"\xff" * 6 + bytes(4))
-    return b"\xfd\xfd" + sequence + struct.pack("<H", operation) + target + mode + struct.pack("<HH", 1, len(body)) + body
+    target = (bytes.fromhex(host.macs[0].replace(":", "")) + socket.inet_aton(host.record()[3]) if host else
+              b"\xff" * 6 + bytes(4))
+    return b"\xfd\xfd\x12\x34" + struct.pack("<H10s2sHH", operation, target, mode, 1, len(body)) + body
 
 
 def kirvex_credentials(*texts):
@@ -124,90 +122,46 @@ def kirvex_settings(name, address, netmask, gateway, dns, dhcp):
             bytes(4) + bytes([dhcp]))
 
 
-class Program(namedtuple("Program", "path emulator")):
-    """An executable of TQ, and what runs it when it isn't of this machine."""
-
-    @classmethod
-    def chosen(cls):
-        path = os.environ.get("TQ", TOP / "build/release/TQ")
-        return cls(pathlib.Path(path).resolve(), os.environ.get("TQ_EMULATOR", "").split())
-
+# An executable of TQ, and what runs it when it isn't of this machine.
+Program = namedtuple("Program", "path emulator")
+CHOSEN = Program(pathlib.Path(os.environ.get("TQ", TOP / "build/release/TQ")).resolve(),
+                 os.environ.get("TQ_EMULATOR", "").split())
 
 INIT = ('trap "echo TERM >>/var/signals" TERM; trap "echo USR1 >>/var/signals" USR1; '
         "while :; do sleep 1d & wait $!; done")
-# A root of its own on the private tmpfs: the machine's programs read-only, everything else the host's.
+# HOME BRAND PROGRAM TOP INIT. The number that the first line tells is the one outside.
 HOST = """set -e
-mkdir -p "$1/root" && cd "$1/root"
-mkdir -p proc dev sys usr opt tmp run mtd1 root var/lib var/log etc/init.d etc/network
-for part in /bin /sbin /lib*; do
-    if [ -L "$part" ]; then cp -P "$part" .; else mkdir ".$part"; mount --rbind "$part" ".$part"; fi
-done
-mount --rbind /usr usr
-mount -o remount,bind,ro usr
-mount --rbind /dev dev
-mount -t proc proc proc
-printf 'brandid : %s\n' "$2" >../cpuinfo
-mount --bind ../cpuinfo proc/cpuinfo
-touch opt/TQ
-mount --bind "$3" opt/TQ
-for part in passwd group nsswitch.conf ld.so.cache alternatives; do cp -RP "/etc/$part" etc/; done
-echo 127.0.0.1 localhost >etc/hosts
-printf '#!/bin/sh\necho "$@" >>/var/networking\n' >etc/init.d/networking
-chmod 755 etc/init.d/networking
-chmod 1777 tmp
-ln -s /run var/run
+read -r pid rest </proc/self/stat && echo "$pid"
+"$4/tests/support/root" "$1/root" && cd "$1/root"
+echo "brandid : $2" >../cpuinfo && mount --bind ../cpuinfo proc/cpuinfo
+touch opt/TQ && mount --bind "$3" opt/TQ
+printf '#!/bin/sh\\necho "$@" >>/var/networking\\n' >etc/init.d/networking && chmod 755 etc/init.d/networking
 hostname "${1##*/}"
-echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6 2>/dev/null || :
-ip link set lo up
+echo ready
+exec chroot . bash -c 'exec -a init sh -c "$0" >/dev/null 2>&1' "$5"
 """
 
 
 class Host:
     """One machine of the LAN."""
 
-    def __init__(self, name, brand=3, program=None):
-        self.name, self.program = name, program or Program.chosen()
-        reader, writer = os.pipe()
-        middle = os.fork()
-        if middle == 0:
-            _call(_libc.unshare, _PRIVATE)
-            pid = os.fork()
-            if pid:
-                os.write(writer, struct.pack("i", pid))
-                os._exit(0)
-            home = BASE / name
-            done = subprocess.run(["sh", "-c", HOST, "sh", home, str(brand), self.program.path],
-                                  check=False, stdin=subprocess.DEVNULL)
-            if done.returncode:
-                os._exit(1)
-            os.chroot(home / "root")
-            os.chdir("/")
-            null = os.open("/dev/null", os.O_RDWR)
-            for stream in range(3):
-                os.dup2(null, stream)
-            os.write(writer, b"ok")
-            os.execv("/bin/sh", ["init", "-c", INIT])
-        os.close(writer)
-        os.waitpid(middle, 0)
-        self.pid = struct.unpack("i", os.read(reader, 4))[0]
-        ready = os.read(reader, 2) == b"ok"
-        os.close(reader)
-        if not ready:
-            raise RuntimeError(f"host {name} can't be set up")
-        self.root = BASE / name / "root"
-        self.output = BASE / name / "TQ.log"
+    def __init__(self, name, brand=3, program=CHOSEN):
+        self.name, self.program, home = name, program, BASE / name
+        home.mkdir()
+        self.process = subprocess.Popen(
+            ["unshare", "-n", "-m", "-u", "-i", "-p", "-f", "--kill-child", "sh", "-c", HOST, "sh", home, str(brand),
+             program.path, TOP, INIT], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        self.pid = int(self.process.stdout.readline() or 0)
+        assert self.process.stdout.readline() == "ready\n", f"host {name} can't be set up"
+        self.root, self.output = home / "root", home / "TQ.log"
         self.nsenter = ["nsenter", "-t", str(self.pid), "-n", "-m", "-u", "-i", "-p", "-r", "-w"]
         self.output.touch()
 
     def record(self, number=0, **changed):
         """What the unit says of itself on eth`number`: the eleven fields of a package."""
-        facts, address = self.facts, self.facts["addresses"][number]
-        network = ipaddress.ip_interface(address or "0.0.0.0/0").network
-        fields = {"model": facts["model"], "proj": facts["proj"], "name": self.name,
-                  "ip": address.split("/")[0] if address else NO_ADDRESS, "port": facts["port"],
-                  "netmask": str(network.netmask) if address else NO_ADDRESS, "gateway": facts["gateway"],
-                  "dns": facts["dns"], "mac": self.macs[number], "dev": f"eth{number}", "note": facts["note"]}
-        return list({**fields, **changed}.values())
+        interface = ipaddress.ip_interface(self.addresses[number])
+        return list({**self.facts, "ip": str(interface.ip), "netmask": str(interface.netmask),
+                     "mac": self.macs[number], "dev": f"eth{number}", **changed}.values())
 
     def run(self, *command, **options):
         """Runs a command (one word: a line for the shell) and returns what it printed."""
@@ -227,18 +181,17 @@ class Host:
             self.path(name).unlink(missing_ok=True)
             self.path(name).write_bytes(text.encode("latin1"))
 
-    def socket(self, family=socket.AF_INET, kind=socket.SOCK_DGRAM, protocol=0, bind=None, device=None):
+    def socket(self, kind=socket.SOCK_DGRAM, bind=None, device=None):
         """A socket of this host's network, for use in this process; tied to `device` if one is named."""
         with open("/proc/self/ns/net") as home, open(f"/proc/{self.pid}/ns/net") as here:
             _call(_libc.setns, here.fileno(), _NEWNET)
             try:
-                made = socket.socket(family, kind, protocol)
+                made = socket.socket(socket.AF_INET, kind)
             finally:
                 _call(_libc.setns, home.fileno(), _NEWNET)
         made.settimeout(30)
-        if family == socket.AF_INET:
-            made.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-            made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        for option in (socket.SO_BROADCAST, socket.SO_REUSEADDR):
+            made.setsockopt(socket.SOL_SOCKET, option, 1)
         if device:
             made.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, device.encode())
         if bind:
@@ -325,9 +278,7 @@ class Lan:
             ip("link del " + device)
         for host in self.hosts:
             os.kill(host.pid, signal.SIGKILL)
-        for host in self.hosts:
-            os.waitpid(host.pid, 0)
-        for host in self.hosts:
+            host.process.communicate()
             shutil.rmtree(BASE / host.name, ignore_errors=True)
         assert failure or not reports, reports[0]
 
@@ -347,12 +298,12 @@ class Lan:
             ip(f"link add {port_name} type veth peer name eth{number} address {host.macs[-1]} "
                f"netns {host.pid}", f"link set {port_name} master {bridge} up")
             self.devices.append(port_name)
-            ip(f"address add {address} broadcast + dev eth{number}" if address else "",
-               f"link set eth{number} up", host=host)
+            ip(f"address add {address} broadcast + dev eth{number}", f"link set eth{number} up", host=host)
         if gateway:
             ip(f"route add default via {gateway} dev eth0 onlink", host=host)
-        host.facts = {"model": model, "proj": proj, "port": port, "gateway": gateway or NO_ADDRESS, "dns": dns,
-                      "note": note, "addresses": [eth0, eth1]}
+        host.addresses = [eth0, eth1]
+        host.facts = {"model": model, "proj": proj, "name": name, "ip": "", "port": port, "netmask": "",
+                      "gateway": gateway or NO_ADDRESS, "dns": dns, "mac": "", "dev": "", "note": note}
         host.write({"etc/Model": model + "\n", "etc/Proj": proj + "\n", "etc/Port": port + "\n",
                     "etc/Note": note + "\n", "etc/resolv.conf": f"nameserver {dns}\n", **dict(files)})
         return host
@@ -387,14 +338,9 @@ class Capture:
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL))
         self.socket.bind((device, 0))
         self.socket.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
-        for option in (socket.SO_RCVBUF, _SO_RCVBUFFORCE):
-            try:
-                self.socket.setsockopt(socket.SOL_SOCKET, option, 64 << 20)
-            except PermissionError:
-                pass
 
     def frames(self, quiet=0.2):
-        """(kernel's time in ns, bytes, sent by the host) of what came until nothing comes for `quiet` s."""
+        """(kernel's time in ns, bytes, whether the host sent it) of each frame, until none comes for a while."""
         found = []
         while select.select([self.socket], [], [], quiet)[0]:
             data, ancillary, _, sender = self.socket.recvmsg(65535, 64)
@@ -402,9 +348,9 @@ class Capture:
             found.append((seconds * 10**9 + nanoseconds, data, sender[2] != socket.PACKET_OUTGOING))
         return found
 
-    def datagrams(self, quiet=0.2):
+    def datagrams(self):
         """The UDP datagrams that the host sent, dissected."""
-        return [dissect(data) for _, data, sent in self.frames(quiet)
+        return [dissect(data) for _, data, sent in self.frames()
                 if sent and data[12:14] == b"\x08\x00" and data[23] == 17]
 
 
@@ -417,9 +363,8 @@ def dissect(frame):
     from scapy.layers.l2 import Ether
     seen = Ether(frame)
     fresh = seen.copy()
-    for layer, fields in ((IP, ("ihl", "len", "chksum")), (UDP, ("len", "chksum"))):
-        for field in fields:
-            fresh[layer].delfieldval(field)
+    for layer, field in ((IP, "ihl"), (IP, "len"), (IP, "chksum"), (UDP, "len"), (UDP, "chksum")):
+        fresh[layer].delfieldval(field)
     network, transport = seen[IP], seen[UDP]
     return Datagram(seen.dst, network.src, transport.sport, network.dst, transport.dport,
                     bytes(fresh) == frame, bytes(transport.payload))

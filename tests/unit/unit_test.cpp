@@ -85,11 +85,10 @@ TEST(UnitInfo, GrowsWithEveryFillingButNeverPastItsEnd) {
         OutputOf([&] {
             COM_GetUnitInfo(record, "eth0");
             EXPECT_EQ(Long(length > 31 ? 31 : length), record->model);
-            for (int i = 0; i < 2000; ++i) {
-                COM_GetUnitInfo(record, i % 2 ? "eth0" : "none");
+            for (int i = 0; i < 25000; ++i) {
+                COM_GetUnitInfo(record, i == 3 ? "none" : "eth0");
             }
         });
-        EXPECT_STREQ("eth0", record->dev);
         EXPECT_STRNE(Long(length > 31 ? 31 : length).c_str(), record->model);
         free(record);
     }

@@ -134,6 +134,7 @@ TEST(Broadcast, ChecksumsAreThoseOfTheInternet) {
     } kCases[] = {{std::string("\x00\x01\xf2", 3), 0x0DFE},
                   {std::string("\x00\x01\xf2\x03\xf4\xf5\xf6\xf7", 8), 0x220D},
                   {"", 0xFFFF},
+                  {"\xff\xff\xff", 0x00FF},
                   {std::string(200000, '\xff'), 0}};
     for (const auto &c : kCases) {
         EXPECT_EQ(c.checksum, COM_CalRawPkgChecksum(c.bytes.data(), c.bytes.size()));

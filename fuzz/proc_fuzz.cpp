@@ -25,8 +25,8 @@ static void ReadTables(Input &input) {
 }
 
 static void ReadNetInfo(Input &input) {
-    WriteFile("/tmp/route", NextText(input));
-    WriteFile("/tmp/arp", NextText(input));
+    WriteFile("/proc/net/route", NextText(input));
+    WriteFile("/proc/net/arp", NextText(input));
     WriteFile("/etc/resolv.conf", NextText(input));
     WriteFile("/etc/network/interfaces", NextText(input));
     const std::string device = NextText(input);
@@ -40,7 +40,7 @@ static void ReadNetInfo(Input &input) {
 }
 
 static void FindProcesses(Input &input) {
-    WriteFile("/tmp/cmdline", NextText(input));
+    WriteFile("/proc/self/cmdline", NextText(input));
     const std::string name = NextText(input);
     COM_KillProcbyName(name.c_str(), "eth0", nullptr);
     COM_SendSignal(name.c_str(), 0, SIGTERM);
@@ -64,9 +64,11 @@ static void ReadIdentity(Input &input) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const bool replaced = [] {
         mkdir("/etc/network", 0755);
-        ReplaceProcFile("/proc/net/route", "/tmp/route");
-        ReplaceProcFile("/proc/net/arp", "/tmp/arp");
-        ReplaceProcFile("/proc/self/cmdline", "/tmp/cmdline");
+        mkdir("/tmp/net", 0755);
+        WriteFile("/tmp/cmdline", "");
+        // The kernel drops what is mounted on single files of this folder.
+        ReplaceInProc("/proc/self/net", "/tmp/net");
+        ReplaceInProc("/proc/self/cmdline", "/tmp/cmdline");
         return true;
     }();
     static_cast<void>(replaced);

@@ -70,8 +70,7 @@ void WriteFile(const char *path, const std::string &bytes) {
     Require(write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
 }
 
-void ReplaceProcFile(const char *procPath, const char *path) {
-    WriteFile(path, "");
+void ReplaceInProc(const char *procPath, const char *path) {
     if (mount(path, procPath, nullptr, MS_BIND, nullptr) != 0) {
         perror(procPath);
         exit(1);

@@ -26,8 +26,8 @@ inline std::string NextText(Input &input) {
 
 void WriteFile(const char *path, const std::string &bytes);
 
-// Puts a file of the target's own in the place of one under /proc.
-void ReplaceProcFile(const char *procPath, const char *path);
+// Puts a file or folder of the target's own in the place of one under /proc.
+void ReplaceInProc(const char *procPath, const char *path);
 
 // What a wait comes to after the peers did their part.
 enum class Wait { kGoOn, kTimeOut };

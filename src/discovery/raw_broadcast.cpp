@@ -145,7 +145,10 @@ int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, in
         TQ_LOG_UNNAMED("data_sz[%d] exceed limit[%d]!\n", size, kBroadcastPayloadSize);
         return -1;
     }
-    const UniqueFd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP)));
+    // Protocol 0 receives nothing. One that listens from the start would have to be unhooked from
+    // all interfaces before bind() can tie it to one, for which the kernel waits several
+    // milliseconds.
+    const UniqueFd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock) {
         TQ_LOG("socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
         return -1;

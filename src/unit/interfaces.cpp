@@ -93,11 +93,7 @@ int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask) 
     char *rest = nullptr;
     const char *token = strtok_r(buffer, kDelimiters, &rest);
     if (!token) {
-        if (!inet_aton(buffer, &dotted)) {
-            return -1;
-        }
-        *address = dotted.s_addr;
-        return 0;
+        return -1;
     }
     if (!inet_aton(token, &dotted)) {
         TQ_LOG_UNNAMED("[%s][%s] is not a valid ip address\n", text, token);

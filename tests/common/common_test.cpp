@@ -7,6 +7,7 @@
 #include "common/heap.h"
 #include "common/in_place_edit.h"
 #include "common/pause.h"
+#include "common/socket.h"
 #include "common/text.h"
 #include "support/files.h"
 
@@ -36,6 +37,10 @@ TEST(Common, Base64FollowsTheStandardAndDecodesLeniently) {
         const HeapBlock<char> out = ZeroedBlock(strlen(sample.encoded));
         const int length = COM_Base64Decode(out.get(), sample.encoded);
         EXPECT_EQ(sample.text, std::string(out.get(), static_cast<size_t>(length)));
+    }
+    EXPECT_EQ(63, COM_Chr2Base('/'));
+    for (const int outside : {int{'='}, -1, 256 + 'A'}) {
+        EXPECT_EQ(64, COM_Chr2Base(outside));
     }
     char bounded[2];
     EXPECT_EQ(2, DecodeBase64(bounded, sizeof bounded, "Zm9vYmFy", 8));
@@ -125,4 +130,11 @@ TEST(Common, QuotedValuesAreFoundBehindTheirKeyAndCut) {
     }
     EXPECT_EQ(nullptr, COM_StrNCaseStr(nullptr, "x"));
     EXPECT_STREQ("text", COM_StrNCaseStr("text", ""));
+}
+
+TEST(Common, ASocketThatIsGoneTakesNoTimeout) {
+    EXPECT_NE(std::string::npos,
+              OutputOf([] {
+                  EXPECT_EQ(-1, COM_SetSocketTimeout(-1, 5));
+              }).find("(): setsockopt(-1, SO_SNDTIMEO, 5 sec) failed - Bad file descriptor\n"));
 }

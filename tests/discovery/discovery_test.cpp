@@ -224,6 +224,16 @@ TEST(Discovery, ListsWhatWasHeardTwiceInDescendingOrder) {
     waitpid(-1, nullptr, 0);
     EXPECT_EQ("", OutputOf([&] { EXPECT_EQ(-1, TQ_GetAllUnit("eth0", &list, nullptr, 0)); }));
     EXPECT_EQ(nullptr, list);
+
+    // Somebody else has the clients' port, and shares it with nobody.
+    UniqueFd other;
+    sockaddr_in address{};
+    ASSERT_EQ(0, TQ_CreateUDPBroadcastSocket(TQ_CLIENT_PORT, other.address(), &address));
+    const int off = 0;
+    setsockopt(other.get(), SOL_SOCKET, SO_REUSEADDR, &off, sizeof off);
+    EXPECT_NE(std::string::npos, OutputOf([&] {
+                                     EXPECT_EQ(-1, TQ_GetAllUnit("eth0", &list, nullptr, 0));
+                                 }).find("(): TQ_CreateUDPBroadcastSocket(6666) failed!\n"));
 }
 
 TEST(Server, RecognisesItsOwnRecordOnce) {

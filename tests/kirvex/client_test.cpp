@@ -115,6 +115,31 @@ TEST(KirvexClient, JudgesReplies) {
                                   .replace(80, 4, 4, '\0'));
 }
 
+// The clock that the program sees is set anew, by this many seconds, before each look at it.
+static time_t clockStep, clockOffset;
+extern "C" int gettimeofday(timeval *__restrict now, void *__restrict) noexcept {
+    timespec real;
+    clock_gettime(CLOCK_REALTIME, &real);
+    *now = {real.tv_sec + (clockOffset += clockStep), real.tv_nsec / 1000};
+    return 0;
+}
+
+TEST(KirvexClient, IsNotHeldByAClockThatJumps) {
+    for (const time_t step : {-3600, 3600, 0}) {
+        std::string output;
+        Asked({Reply(0xA1) + std::string(312, '\0')}, [&] {
+            timespec start, end;
+            clock_gettime(CLOCK_MONOTONIC, &start);
+            clockStep = step;
+            output = OutputOf([] { Search(1); });
+            clockStep = 0;
+            clock_gettime(CLOCK_MONOTONIC, &end);
+            EXPECT_LT(end.tv_sec - start.tv_sec, 4);
+        });
+        EXPECT_EQ(output.find("time error - Should never happen\n") != output.npos, step < 0);
+    }
+}
+
 // A search reply whose texts all fill their fields, with something else behind it.
 TEST(KirvexClient, PrintsNothingBeyondThePacket) {
     std::vector<uint8_t> packet(350);

@@ -147,6 +147,10 @@ TEST(Dns, AsksARealServer) {
         }
         EXPECT_EQ(got.result == 0 ? Listed(entries, 2) : "", addresses);
     }
+    unlink("/etc/resolv.conf");
+    const Outcome got = OBSERVE(DNS_GetA("one.test", std::array<DnsAddrEntry, 10>().data(), 1));
+    EXPECT_TRUE(Holds(got.messages, "fopen(/etc/resolv.conf) error : No such file or directory\n"));
+    EXPECT_EQ(got.result, -1);
 }
 
 // The usual wait for the first of the questions.

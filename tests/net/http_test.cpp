@@ -15,6 +15,14 @@ static constexpr int kBodySize = 100 << 20, kGreatestBody = kBodySize + 1;
 
 #define CALL(expression) [&](const char *u, char **r) { return (expression); }
 
+// One exchange with the server alone: no name is resolved, no authorization made.
+static int SendDirectly(const char *url, char **result) {
+    const uint16_t port = static_cast<uint16_t>(atoi(strchr(url, ':') + 1));
+    const sockaddr_in server = InternetAddress(htonl(INADDR_LOOPBACK), port);
+    return COM_SubSendHttpCmd(&server, "127.0.0.1", "X: y\r\n\r\n", "/p", result, nullptr,
+                              HTTP_CMD_POST, "a", 1, "c=d", 1);
+}
+
 TEST(Http, RequestTexts) {
     const std::string p(10000, 'p'), d(1 << 20, 'd'), parts = "Content-Length: 3\r\n\r\nabc";
     const std::string tail = "Connection: Keep-Alive\r\n", get = " HTTP/1.1\r\n@" + tail,
@@ -39,6 +47,8 @@ TEST(Http, RequestTexts) {
         {kBody, "/p", CALL(COM_SubGetPostHttpContent(u, r, nullptr, 2, parts.c_str(), 0, "c=d", 0)),
          multipart + parts},
         {kBody, "/p", CALL(COM_SendUserDefHttpHdr(u, r, nullptr, d.c_str())), d},
+        {kWarnsHeader, "/p", CALL(SendDirectly(u, r)),
+         form + "1" + type + "Cookie: c=d\r\nX: y\r\n\r\na"},
         {kBody, "/p", CALL(COM_SubGetPostHttpContent(u, r, nullptr, 5, "d", 0, "c=d", 0)), ""}};
     const std::string header = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n";
     for (const auto &[shows, path, call, wanted] : cases) {

@@ -54,6 +54,9 @@ TEST(Identity, HasItsFailureValuesAndMessages) {
     EXPECT_NE(std::string::npos, OutputOf([&] {
                                      EXPECT_EQ(-1, COM_GetFileContent("/x", value, 0));
                                  }).find("input error : (pFileName, pBuf, len) = ("));
+    strcpy(value, "before");
+    OutputOf([&] { EXPECT_EQ(-1, COM_GetFileContent(nullptr, value, sizeof value)); });
+    EXPECT_STREQ("unknown", value);
     Shell("rm /etc/Model; mkfifo /etc/Model");
     EXPECT_EQ(-1, COM_GetModelName(value, sizeof value));
     Shell("rm /etc/Model");

@@ -252,8 +252,9 @@ class Host:
 
     def web_log(self):
         """Ends the web server and returns the requests that it had."""
-        self.run("kill $(cat /run/account-pages)")
-        return wait_until((self.root / "tmp/account-pages/log").read_text)
+        self.run("kill $(cat /run/account-pages); while kill -0 $(cat /run/account-pages); do sleep 0.1; done",
+                 stderr=subprocess.DEVNULL, check=False)
+        return self.path("tmp/account-pages/log").read_text()
 
     def log(self):
         return self.output.read_text(encoding="latin1")
@@ -277,8 +278,9 @@ class Lan:
         for device in self.devices:
             ip("link del " + device)
         for host in self.hosts:
-            os.kill(host.pid, signal.SIGKILL)
+            host.process.kill()  # and with it its child, the host's init
             host.process.communicate()
+            os.waitpid(host.pid, 0)
             shutil.rmtree(BASE / host.name, ignore_errors=True)
         assert failure or not reports, reports[0]
 

@@ -1,9 +1,11 @@
 """The figures that are taken on the virtual LAN; script/bench builds the programs and starts it."""
 import contextlib
 import pathlib
+import resource
 import socket
 import statistics
 import sys
+import threading
 import time
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
@@ -137,6 +139,54 @@ def kirvex():
                   f"{exchanges:g} exchanges", flush=True)
 
 
+def startup():
+    """From the command to the first answer, entering the host's namespaces included, and that alone."""
+    whole, entering = [], []
+    with lan.Lan() as net:
+        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
+        host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", program=NATIVE)
+        with desk.socket(bind=("", lan.CLIENT_PORT), device="eth0") as client:
+            client.settimeout(0.001)
+            for _ in range(10):
+                start = time.monotonic()
+                host.run("true")
+                entering.append(time.monotonic() - start)
+                start = time.monotonic()
+                host.start_tq(ready="")
+                answered = False
+                while not answered and time.monotonic() < start + 5:
+                    client.sendto(lan.QUERY, UNIT)
+                    try:
+                        answered = bool(client.recv(4096))
+                    except TimeoutError:
+                        pass
+                whole.append(time.monotonic() - start)
+                host.stop_all()
+                drain(client)
+    print(f"Start to first answer: median {statistics.median(whole) * 1000:.1f} ms, of which entering the host takes "
+          f"{statistics.median(entering) * 1000:.1f} ms", flush=True)
+
+
+def udp_counts(host):
+    """(datagrams that reached a socket, those that found its queue full) so far."""
+    names, values = [line.split() for line in host.run("cat /proc/net/snmp").splitlines() if line.startswith("Udp:")]
+    seen = dict(zip(names, values))
+    return int(seen["InDatagrams"]), int(seen["RcvbufErrors"])
+
+
+def discover(desk, count, also=""):
+    """One discovery of `count` units, with what it costs the client and what the client's queue loses."""
+    heard, lost = udp_counts(desk)
+    spent, start = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic()
+    found = desk.tq("-I", "eth0").count("(dev, note)")
+    seconds = time.monotonic() - start
+    now = resource.getrusage(resource.RUSAGE_CHILDREN)
+    cpu = now.ru_utime + now.ru_stime - spent.ru_utime - spent.ru_stime
+    heard, lost = (after - before for after, before in zip(udp_counts(desk), (heard, lost)))
+    print(f"  {count:4} units: {found} found in {seconds:.2f} s, {seconds / 1.6 * 100 - 100:+.1f}%; the client read "
+          f"{heard} datagrams, its full queue dropped {lost}, {cpu * 1000:.0f} ms of CPU{also}", flush=True)
+
+
 def discoveries():
     print("Discoveries (the waits alone take 1.6 s)", flush=True)
     with lan.Lan() as net:
@@ -147,13 +197,43 @@ def discoveries():
                 number = len(units) + 21
                 units.append(net.host(f"u{number}", f"192.168.{1 + number // 250}.{number % 250 + 1}/16",
                                       program=NATIVE).start_tq())
-            start = time.monotonic()
-            found = desk.tq("-I", "eth0").count("(dev, note)")
-            seconds = time.monotonic() - start
-            print(f"  {count:3} units: {found} found in {seconds:.2f} s, {seconds / 1.6 * 100 - 100:+.1f}%", flush=True)
+            discover(desk, count)
+            time.sleep(3)
+            before = cpu_microseconds(units[0])
+            discover(desk, count)
+            print(f"        one unit's CPU for that: {(cpu_microseconds(units[0]) - before) / 1000:.1f} ms",
+                  flush=True)
+
+
+def simulated_discovery(count, rate):
+    """One host answers for many, twice for each query, as units do; `rate` datagrams a second (0: no pause)."""
+    with lan.Lan() as net:
+        desk, crowd = (net.host(name, f"192.168.1.{number}/24", program=NATIVE)
+                       for name, number in (("desk", 20), ("crowd", 21)))
+        replies = [lan.package(1, "QVR-7140-16T", "NVR", f"u{i}", f"10.0.{i >> 8}.{i & 255}", "80", "255.0.0.0",
+                               "10.0.0.1", "10.0.0.2", f"02:00:5E:01:{i >> 8:02X}:{i & 255:02X}", "eth0", "hall")
+                   + b"\0" for i in range(count)]
+        with crowd.socket(bind=("", lan.SERVER_PORT)) as server:
+
+            def answer():
+                while server.recv(4096):
+                    start = time.monotonic()
+                    for i in range(2 * count):
+                        while rate and time.monotonic() < start + i / rate:
+                            pass
+                        try:
+                            server.sendto(replies[i // 2], ("192.168.1.20", lan.CLIENT_PORT))
+                        except OSError:  # the LAN is gone
+                            return
+
+            threading.Thread(target=answer, daemon=True).start()
+            discover(desk, count, f" (simulated, {f'{rate}/s' if rate else 'as fast as they go'})")
 
 
 lan.enter()
+startup()
 native_queries()
 kirvex()
 discoveries()
+for rate in (2000, 10000, 0):
+    simulated_discovery(1000, rate)

@@ -33,10 +33,11 @@ static constexpr time_t kLongestCollection = 30;  // seconds
 
 static constexpr char kEthernetPrefix[] = "eth";
 
-static void SendPackageOn(const char *device, int type, uint16_t port, char *package) {
+static void SendPackageOn(UniqueFd *sock, const char *device, int type, uint16_t port,
+                          char *package) {
     package[0] = '\0';
     if (TQ_CreatePackage(device, type, package, nullptr) == 0) {
-        COM_SendUDPBroadcast(device, port, package, static_cast<int>(strlen(package)) + 1);
+        BroadcastThrough(sock, device, port, package, static_cast<int>(strlen(package)) + 1);
     }
 }
 
@@ -45,8 +46,9 @@ void TQ_SendPackage(const char *device, int type, uint16_t port) {
     if (!package) {
         return;
     }
+    UniqueFd sock;
     if (device) {
-        SendPackageOn(device, type, port, package.get());
+        SendPackageOn(&sock, device, type, port, package.get());
         return;
     }
     NetDeviceName *names = nullptr;
@@ -54,12 +56,12 @@ void TQ_SendPackage(const char *device, int type, uint16_t port) {
     const HeapBlock<NetDeviceName> owner(names);
     for (int i = count - 1; i >= 0; --i) {
         if (strncmp(names[i].text, kEthernetPrefix, strlen(kEthernetPrefix)) == 0) {
-            SendPackageOn(names[i].text, type, port, package.get());
+            SendPackageOn(&sock, names[i].text, type, port, package.get());
         }
     }
     in_addr gateway;
     if (COM_GetNetInfo(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
-        SendPackageOn(nullptr, type, port, package.get());
+        SendPackageOn(&sock, nullptr, type, port, package.get());
     }
 }
 

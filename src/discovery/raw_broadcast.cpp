@@ -19,6 +19,8 @@
 
 static constexpr char kSource[] = "COMMON";
 
+static constexpr MessageOrigin kSenderOrigin{kSource, "COM_SendUDPBroadcast"};
+
 // The receiving socket is the main module's own, not the common library's.
 static constexpr MessageOrigin kSocketOrigin{"TQ", "TQ_CreateUDPBroadcastSocket"};
 
@@ -140,42 +142,64 @@ static void SendToSubnet(int sock, const sockaddr_ll &link, const char *device, 
     }
 }
 
-int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size) {
+// Opens the packet socket unless it is open. Protocol 0 receives nothing: one that listens would
+// have to be unhooked before bind() can tie it to an interface, for which the kernel waits
+// milliseconds.
+static bool OpenPacketSocket(UniqueFd *sock) {
+    if (*sock) {
+        return true;
+    }
+    UniqueFd opened(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!opened) {
+        TQ_LOG_FOR(kSenderOrigin, "socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
+        return false;
+    }
+    const int on = 1;
+    if (setsockopt(opened.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) {
+        TQ_LOG_FOR(kSenderOrigin, "setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %s\n",
+                   SOL_SOCKET, SO_BROADCAST, strerror(errno));
+        return false;
+    }
+    *sock = static_cast<UniqueFd &&>(opened);
+    return true;
+}
+
+static void BindToInterface(int sock, sockaddr_ll link, const char *device) {
+    link.sll_protocol = 0;
+    if (bind(sock, reinterpret_cast<const sockaddr *>(&link), sizeof link) == -1) {
+        TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %s\n", link.sll_ifindex, device ? device : "",
+                       strerror(errno));
+    }
+}
+
+int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const void *data,
+                     int size) {
     if (size < 0 || size > kBroadcastPayloadSize) {
         TQ_LOG_UNNAMED("data_sz[%d] exceed limit[%d]!\n", size, kBroadcastPayloadSize);
         return -1;
     }
-    // Protocol 0 receives nothing. One that listens from the start would have to be unhooked from
-    // all interfaces before bind() can tie it to one, for which the kernel waits several
-    // milliseconds.
-    const UniqueFd sock(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock) {
-        TQ_LOG("socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
-        return -1;
-    }
-    const int on = 1;
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) {
-        TQ_LOG("setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %s\n", SOL_SOCKET,
-               SO_BROADCAST, strerror(errno));
+    if (!OpenPacketSocket(sock)) {
         return -1;
     }
     const Payload payload{data, static_cast<size_t>(size)};
-    const sockaddr_ll link = BroadcastLink(InterfaceIndex(sock.get(), device));
-    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&link), sizeof link) == -1) {
-        TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %s\n", link.sll_ifindex, device ? device : "",
-                       strerror(errno));
-    }
+    const sockaddr_ll link = BroadcastLink(InterfaceIndex(sock->get(), device));
+    BindToInterface(sock->get(), link, device);
     const Datagram datagram({INADDR_ANY}, {INADDR_BROADCAST}, port, payload);
-    if (!datagram.Send(sock.get(), link, MSG_NOSIGNAL)) {
+    if (!datagram.Send(sock->get(), link, MSG_NOSIGNAL)) {
         if (device) {
             TQ_LOG_UNNAMED("sendto(%s:%d) error : %s\n", device, port, strerror(errno));
         }
         return -1;
     }
     if (device) {
-        SendToSubnet(sock.get(), link, device, port, payload);
+        SendToSubnet(sock->get(), link, device, port, payload);
     }
     return 0;
+}
+
+int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size) {
+    UniqueFd sock;
+    return BroadcastThrough(&sock, device, port, data, size);
 }
 
 int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address) {

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/unique_fd.h"
+
 // The largest payload of a broadcast.
 inline constexpr int kBroadcastPayloadSize = 1500;
 
@@ -14,6 +16,10 @@ inline constexpr int kBroadcastPayloadSize = 1500;
 // interface is named and has addresses, from its own to its subnet's broadcast address. Returns 0
 // when the first datagram was sent, else -1. Needs the right to open packet sockets.
 int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size);
+
+// The same through a packet socket that is opened when *sock is empty. The kernel takes
+// milliseconds to close one, so what is sent together shares it.
+int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const void *data, int size);
 
 // Opens a UDP socket that receives on a port, on the address in *address (network order) or, when
 // that is 0, on any. Fills the rest of *address. Returns 0 or -1; a descriptor stored in *sock is

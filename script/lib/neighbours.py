@@ -177,7 +177,7 @@ def anonymous(host):
 
 
 def contenders():
-    program = lan.Program.chosen().path
+    program = lan.CHOSEN.path
     native, kirvex = "TQ, native query", "TQ, KIRVEX search"
     search = lan.kirvex_request(lan.SEARCH)
     return [

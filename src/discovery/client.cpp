@@ -31,6 +31,10 @@ static constexpr size_t kReplySize = 4096;
 static constexpr int kMostRecords = 65536;
 static constexpr time_t kLongestCollection = 30;  // seconds
 
+// A crowd of units answers all at once, while the query's own socket is still being closed; what
+// the kernel's usual queue of some 200 datagrams has no room for is lost.
+static constexpr int kReplyQueueSize = 4 << 20;
+
 static constexpr char kEthernetPrefix[] = "eth";
 
 static void SendPackageOn(UniqueFd *sock, const char *device, int type, uint16_t port,
@@ -107,6 +111,14 @@ static time_t MonotonicSeconds() {
     return now.tv_sec;
 }
 
+// Without the right to a queue of any length, as long a one as the system allows has to do.
+static void LengthenQueue(int sock) {
+    if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &kReplyQueueSize, sizeof kReplyQueueSize) ==
+        -1) {
+        setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &kReplyQueueSize, sizeof kReplyQueueSize);
+    }
+}
+
 int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network) {
     UniqueFd sock;
     sockaddr_in address{};
@@ -114,6 +126,7 @@ int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, ui
         TQ_LOG("TQ_CreateUDPBroadcastSocket(%d) failed!\n", TQ_SERVER_PORT);
         return 0;
     }
+    LengthenQueue(sock.get());
     int count = 0;
     // Counted over both queries: the first listens until the last empty wait, the second is sent
     // for whoever listens next, which is the second collection.

@@ -114,9 +114,10 @@ WALK = {"CALLOC(N, N)", "fopen(/proc/net/dev)", "REALLOC()", *LOOKS}
 EDIT = {"fopen(/tmp/TQ_X)", "fopen(/var/COM_X)", "opendir(/proc/N/fd)", "[]", "fopen(/etc/resolv.conf)"}
 
 
-# `loose`: how many allocations may go unsaid when they fail, or not be made in every run.
+# `loose`: how many allocations may go unsaid when they fail, or not be made in every run. A list in hasty waits
+# may also miss the other unit.
 @pytest.mark.parametrize("brand, request_of, loose, expected", [
-    (3, lambda _: QUERY, 1, WALK), (3, lambda _: LIST_REQUEST, 3, {*WALK, "REALLOC(N)", "MALLOC(N)"}),
+    (3, lambda _: QUERY, 1, WALK), (3, lambda _: LIST_REQUEST, 6, {*WALK, "REALLOC(N)", "MALLOC(N)"}),
     (3, change, 0, {"CALLOC(N, N)", "fopen(/etc/network/interfaces)", "fopen(/proc/net/route)", *EDIT}),
     (16, lambda _: kirvex_request(SEARCH), 0, {"fopen(/mtd1/interfaces)", *LOOKS}),
     (16, change, 0, {"malloc pAddDatabuf", "REALLOC(N)", "fopen(/mtd1/interfaces)", *EDIT})])

@@ -214,32 +214,44 @@ def test_processes_run_out(net):
     assert "Parent Process : take a break than exit" in host.tq("-D")
 
 
-DISKS = [
-    ("/tmp", "mount -t tmpfs -o size=4k t /tmp; yes >/tmp/full", "fprintf() faied : No space left", "old", "new"),
-    ("/tmp", "mount -t tmpfs -o nr_inodes=1 t /tmp", "", "old", "old"),
-    ("/tmp", "mount -t tmpfs -o ro t /tmp", "", "old", "old"),
-    ("/var", "mount -t tmpfs -o size=4k t /var; ln -s /run /var/run; yes >/var/full", "fprintf() fail : No space left",
-     "new", "empty"),
-    ("/var", "mount -t tmpfs t /var; ln -s /run /var/run; mount -o remount,ro /var", "mkstemp() failed : Read-only",
-     "new", "empty"),
-    ("/etc", "mount --bind /etc /etc; mount -o remount,bind,ro /etc", "interfaces) failed : Read-only", "old", "old"),
-    ("/etc/resolv.conf", "cd /etc; mount --bind resolv.conf resolv.conf; mount -o remount,bind,ro resolv.conf",
-     "truncate(/etc/resolv.conf) error : Read-only", "new", "old")]
+VAR_FULL = "mount -t tmpfs -o size=4k t /var; ln -s /run /var/run; yes >/var/full"
+VAR_READ_ONLY = "mount -t tmpfs t /var; ln -s /run /var/run; mount -o remount,ro /var"
+RESOLVER_READ_ONLY = "cd /etc; mount --bind resolv.conf resolv.conf; mount -o remount,bind,ro resolv.conf"
 
 
-def test_disks_are_full_or_read_only(net):
-    host = unit(net)
-    for place, spoil, message, *files in DISKS:
+# The web server of brand 16 has files of its own in /tmp. Its setup goes on when the resolver file cannot be edited (in
+# /var a restart leaves no mark then).
+@pytest.mark.parametrize("brand, disks", [
+    (3, [("/tmp", "mount -t tmpfs -o size=4k t /tmp; yes >/tmp/full", "fprintf() faied : No space left", "old", "new"),
+         ("/tmp", "mount -t tmpfs -o nr_inodes=1 t /tmp", "", "old", "old"),
+         ("/tmp", "mount -t tmpfs -o ro t /tmp", "", "old", "old"),
+         ("/var", VAR_FULL, "fprintf() fail : No space left", "new", "empty"),
+         ("/var", VAR_READ_ONLY, "mkstemp() failed : Read-only", "new", "empty"),
+         ("/etc", "mount --bind /etc /etc; mount -o remount,bind,ro /etc", "interfaces) failed : Read-only", "old", "old"),
+         ("/etc/resolv.conf", RESOLVER_READ_ONLY, "truncate(/etc/resolv.conf) error : Read-only", "new", "old")]),
+    (16, [("/var", VAR_FULL, "fprintf() fail : No space left", "new", "empty"),
+          ("/var", VAR_READ_ONLY, "mkstemp() failed : Read-only", "new", "empty"),
+          ("/mtd1", "mount --bind /mtd1 /mtd1; mount -o remount,bind,ro /mtd1", "interfaces) failed : Read-only", "old",
+           "old"),
+          ("/etc/resolv.conf", RESOLVER_READ_ONLY, "truncate(/etc/resolv.conf) error : Read-only", "new", "old")])])
+def test_disks_are_full_or_read_only(net, brand, disks):
+    host = unit(net, brand=brand)
+    for place, spoil, message, *files in disks:
         begin(host)
         host.run(f"{spoil} 2>/dev/null; :")
         kept = left(host)
         said = serve(net, host, change(host))[1]
-        assert message in said and became(host) == (*files, False) and left(host) == kept, (spoil, said, became(host))
+        done = (*files, brand == 16 and files[0] == "new" and place != "/var")
+        assert message in said and became(host) == done and left(host) == kept, (spoil, said, became(host))
         host.run("umount " + place)
         begin(host)
         serve(net, host, change(host))
         assert became(host) == DONE
-    # File systems without room for one byte more: as much of the new text as there was of the old one, and no restart.
+
+
+def test_file_systems_have_no_room_for_a_byte_more(net):
+    """As much of the new text comes to be as there was of the old one, and no restart."""
+    host = unit(net)
     begin(host)
     texts = [text + "#" * (4096 - len(text)) for text in ("iface eth0 inet dhcp\nauto lo\n", "nameserver 1.1.1.1\n")]
     host.write({"root/i": texts[0], "root/r": texts[1]})
@@ -250,9 +262,10 @@ def test_disks_are_full_or_read_only(net):
     assert host.run("cat /etc/resolv.conf") == ("nameserver 10.0.0.53\n" + texts[1][19:])[:4096]
 
 
-def test_kill_at_every_point_of_a_setup(net):
-    host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1")
-    host.brand, states, long = 3, set(), INTERFACES + "\n" + "# the rest of a long file\n" * 400
+@pytest.mark.parametrize("brand", [3, 16])
+def test_kill_at_every_point_of_a_setup(net, brand):
+    host = unit(net, brand=brand)
+    states, long = set(), INTERFACES + "\n" + "# the rest of a long file\n" * 400
     for call in ("openat", "write", "truncate", "unlink", "clone"):
         killed, number = True, 0
         while killed:
@@ -260,9 +273,9 @@ def test_kill_at_every_point_of_a_setup(net):
             begin(host, interfaces=long)
             strace = [*host.nsenter, "strace", "-o", "/dev/null", "-e", f"trace={call}", "-e",
                       f"inject={call}:signal=KILL:when={number}", "-p", host.run("cat /var/run/TQ.pid")]
-            with subprocess.Popen(strace, stderr=subprocess.PIPE) as tracer:
+            with subprocess.Popen(strace, stderr=subprocess.PIPE) as tracer, net.desk.socket() as tool:
                 tracer.stderr.readline()
-                net.desk.ask(change(host), to="192.168.1.21", patience=0)
+                tool.sendto(change(host), ("192.168.1.21", MARKS[brand][2]))
                 lan.wait_until(lambda: tracer.poll() is not None or became(host)[2])
                 killed = tracer.poll() is not None
                 host.run("kill -9 $(cat /var/run/TQ.pid) 2>/dev/null || :")
@@ -274,7 +287,8 @@ def test_kill_at_every_point_of_a_setup(net):
         ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
         ("old", "new", "/tmp/TQ "), ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
         ("new, tail of old", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
-    assert_serves(net, begin(host))
+    begin(host)
+    assert len(serve(net, host, kirvex_request(SEARCH) if brand == 16 else QUERY)[0]) == 1 + (brand == 3)
 
 
 def test_clock_jumps(net):

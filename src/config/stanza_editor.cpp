@@ -1,12 +1,12 @@
 #include "config/stanza_editor.h"
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "common/in_place_edit.h"
+#include "unit/interfaces.h"
 
 static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", false, false};
 static constexpr char kStanzaWord[] = "iface";
@@ -81,15 +81,15 @@ bool WriteDhcpStanza(FILE *out, const char *device, const char *hostname) {
     return fprintf(out, "iface %s inet dhcp\n  hostname %s\n\n", device, hostname) >= 0;
 }
 
-static in_addr_t ParseAddress(const char *text) {
-    in_addr address{};
-    inet_aton(text, &address);
-    return address.s_addr;
-}
-
 bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin) {
-    const in_addr_t netmask = ParseAddress(stanza.netmask);
-    if ((ParseAddress(stanza.address) & netmask) == (ParseAddress(stanza.gateway) & netmask)) {
+    in_addr address{};
+    in_addr netmask{};
+    in_addr gateway{};
+    ParseDottedAddress(stanza.address, &address);
+    ParseDottedAddress(stanza.netmask, &netmask);
+    // A gateway that is no address lies in no subnet, not even in one without a mask.
+    if (ParseDottedAddress(stanza.gateway, &gateway) &&
+        (address.s_addr & netmask.s_addr) == (gateway.s_addr & netmask.s_addr)) {
         return true;
     }
     TQ_LOG_FOR(origin, "Skip invalid gateway - [%s]\n", stanza.gateway);

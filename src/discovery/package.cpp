@@ -1,7 +1,5 @@
 #include "discovery/package.h"
 
-#include <arpa/inet.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include "common/number.h"
 #include "common/text.h"
 #include "frame/message.h"
+#include "unit/interfaces.h"
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "TQ";
@@ -109,7 +108,7 @@ static bool IsAcceptable(const char *token, FieldRule rule) {
     switch (rule) {
         case FieldRule::kAddress: {
             in_addr address;
-            return inet_aton(token, &address) != 0;
+            return ParseDottedAddress(token, &address);
         }
         case FieldRule::kPort: {
             const int port = ParseInt(token);

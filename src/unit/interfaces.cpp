@@ -57,6 +57,12 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
     return count;
 }
 
+bool ParseDottedAddress(const char *text, in_addr *address) {
+    // What inet_aton takes: octal, decimal and hexadecimal numbers.
+    static constexpr char kCharacters[] = "0123456789abcdefABCDEFxX.";
+    return text[strspn(text, kCharacters)] == '\0' && inet_aton(text, address) != 0;
+}
+
 // The mask of a prefix length, in the machine's own byte order: on the big-endian board 24 gives
 // 0.255.255.255, and nothing there uses the prefix form.
 static uint32_t MaskOfPrefix(int length) {

@@ -1,6 +1,8 @@
 // The machine's network interfaces, and addresses written as text.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 
 // One slot of an interface list: a name, zero-terminated.
@@ -15,6 +17,10 @@ int COM_GetAllNetDevice(NetDeviceName **list);
 // The same from a file in the format of "/proc/net/dev". Only letters and digits of a name are
 // kept.
 int COM_GetDeviceFromProc(NetDeviceName **list, const char *path);
+
+// Reads a dotted address as inet_aton does, but refuses one that is followed by anything: inet_aton
+// ignores what stands behind a blank, and in a file that scripts read that would be a command.
+bool ParseDottedAddress(const char *text, in_addr *address);
 
 // Reads "address", "address/netmask" or "address/prefix length" into values of network order. A
 // prefix length n gives the mask whose n low-order bits are set in the machine's own byte order.

@@ -154,6 +154,8 @@ TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
          "\n==\n" + kStatic + "  gateway 192.168.1.1\n\n==\n"},
         {kInterfaces, kResolver, "eth0", "n", "10.0.0.1", "static", 0, WithStanza(kStatic + "\n"),
          kNewResolver, "TQ_SetupNetwork(): Skip invalid gateway - [10.0.0.1]\n"},
+        {kInterfaces, kResolver, "eth0", "n", "192.168.1.1 ;id", "static", 0,
+         WithStanza(kStatic + "\n"), kNewResolver, "Skip invalid gateway - [192.168.1.1 ;id]\n"},
         {kInterfaces, "none\n", "eth0", "n", "10.0.0.1", "static", -1, WithStanza(kStatic + "\n"),
          "none\n", "Skip invalid"},
         {kInterfaces, kResolver, "eth9", "n", "", "static", 0, kInterfaces, kResolver, ""},

@@ -71,6 +71,7 @@ int COM_System(const char *command, pid_t *pid) {
     if (child == 0) {
         COM_CloseFdExceptSTD(getpid());
         held.Restore();
+        signal(SIGPIPE, SIG_DFL);  // ignored by the daemon alone
         COM_ParserCMD(command);
         fflush(stdout);
         _exit(127);

@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 
 #include "common/text.h"
@@ -83,7 +85,20 @@ static int ReadOptions(int argc, char **argv, Options *options, TQ_Cfg *cfg) {
     return status;
 }
 
+// A standard stream that is closed at the start would become the next socket's descriptor, and
+// messages would be written into that.
+static void FillStandardStreams() {
+    int file;
+    do {
+        file = open("/dev/null", O_RDWR);
+    } while (file >= 0 && file <= STDERR_FILENO);
+    if (file >= 0) {
+        close(file);
+    }
+}
+
 int main(int argc, char **argv) {
+    FillStandardStreams();
     // Messages reach a log file as they happen, and no process prints another's buffer.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     TQ_Cfg cfg = DefaultConfiguration();
@@ -97,6 +112,8 @@ int main(int argc, char **argv) {
         TQ_Client(options.device.OrNull(), options.filter.OrNull());
         return 0;
     }
+    // A unit serves on when nobody reads its messages any more.
+    signal(SIGPIPE, SIG_IGN);
     TQ_LOG("Start TQ in daemon mode\n");
     fflush(stdout);
     if (fork() == 0) {

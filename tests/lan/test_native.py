@@ -290,6 +290,16 @@ def test_messages_reach_the_log_as_they_happen_and_once(net):
     assert "Usage : " in net.desk.tq("-x", status=255)
 
 
+@pytest.mark.parametrize("streams", [">&- </dev/null", "| head -n 6"])
+def test_standard_streams_closed_or_broken(net, streams):
+    host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1")
+    host.run("sh", "-c", f'"$@" {streams}', "sh", *host.command("-D"))
+    lan.wait_until(lambda: re.search(r":1A0A .* 07 ", host.run("cat /proc/net/udp")))
+    for _ in range(3):
+        net.desk.ask(b"a message for each", patience=0)
+        assert_serves(net, host)
+
+
 def test_watchdog(net):
     host = unit(net, start=["-W"])
     assert_serves(net, host)

@@ -212,13 +212,13 @@ class Host:
             return sorted(((sender[0], data) for data, sender in collect(tool, patience)),
                           key=lambda pair: socket.inet_aton(pair[0]))
 
-    def _command(self, arguments):
-        return [*self.nsenter, "env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *self.program.emulator,
-                "/opt/TQ", *arguments]
+    def command(self, *arguments):
+        """How TQ is run on this host."""
+        return ["env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *self.program.emulator, "/opt/TQ", *arguments]
 
     def tq(self, *arguments, status=0):
         """Runs TQ to its end and returns what it printed."""
-        done = subprocess.run(self._command(arguments), timeout=120, stdin=subprocess.DEVNULL, check=False,
+        done = subprocess.run([*self.nsenter, *self.command(*arguments)], timeout=120, stdin=subprocess.DEVNULL, check=False,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="latin1")
         assert done.returncode == status, f"status {done.returncode}\n{done.stdout}"
         return done.stdout
@@ -227,8 +227,8 @@ class Host:
         """Starts TQ -D and waits until its server has its sockets (`ready` is in its log)."""
         before = len(self.log())
         with self.output.open("ab") as log:
-            process = subprocess.Popen(self._command(["-D", *arguments]), stdin=subprocess.DEVNULL,
-                                       stdout=log, stderr=log)
+            process = subprocess.Popen([*self.nsenter, *self.command("-D", *arguments)],
+                                       stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         if "-W" not in arguments:
             assert process.wait(30) == 0, self.log()
         self.wait_log(ready, since=before)

@@ -59,7 +59,8 @@ int DecodeBase64(void *out, size_t outSize, const char *text, size_t textSize) {
     size_t written = 0;
     unsigned symbols = 0;
     unsigned carry = 0;
-    for (size_t i = 0; i < textSize && text[i] != '\0' && text[i] != '='; ++i) {
+    for (size_t i = 0; written < outSize && i < textSize && text[i] != '\0' && text[i] != '=';
+         ++i) {
         const unsigned value = kValues[static_cast<uint8_t>(text[i])];
         if (value == kOutside) {
             continue;
@@ -67,9 +68,6 @@ int DecodeBase64(void *out, size_t outSize, const char *text, size_t textSize) {
         carry = carry << 6 | value;
         // Every symbol but the first of four completes a byte.
         if (symbols % 4 != 0) {
-            if (written == outSize) {
-                break;
-            }
             bytes[written++] = static_cast<uint8_t>(carry >> (6 - symbols % 4 * 2));
         }
         ++symbols;

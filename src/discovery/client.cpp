@@ -27,8 +27,8 @@ static constexpr int kQueries = 2;
 static constexpr size_t kReplySize = 4096;
 
 // What a LAN may send before a collection ends all the same: no crowd of units comes near either,
-// but a sender that never pauses must not hold the server, or its memory, for ever.
-static constexpr int kMostRecords = 65536;
+// but a sender that never pauses must not hold the server for ever, nor all of a board's memory.
+static constexpr int kMostRecords = 16384;
 static constexpr time_t kLongestCollection = 30;  // seconds
 
 // A crowd of units answers all at once, while the query's own socket is still being closed; what

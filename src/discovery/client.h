@@ -15,8 +15,8 @@ inline constexpr uint16_t TQ_CLIENT_PORT = 6667;
 // least twice. Returns the number of units, or -1 when nothing was received at all.
 int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network);
 
-// One collection, half of a discovery: every record received, copies included. Returns their
-// number.
+// One collection, half of a discovery: every record received that is one to keep, copies included.
+// Returns their number.
 int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network);
 
 // Builds a package and broadcasts it on the interface, or on all whose names begin with "eth".

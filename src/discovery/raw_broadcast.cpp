@@ -52,7 +52,7 @@ struct Payload {
     size_t size;
 };
 
-// The sum of RFC 1071 over big-endian words, not yet folded.
+// The sum of RFC 1071 over big-endian words, whose last carries are still to be folded.
 uint32_t SumWords(const uint8_t *bytes, size_t length) {
     uint32_t sum = 0;
     for (; length > 1; bytes += 2, length -= 2) {

@@ -6,7 +6,7 @@
 
 #include "common/heap.h"
 #include "common/text.h"
-#include "common/unique_file.h"
+#include "common/text_file.h"
 #include "discovery/client.h"
 #include "discovery/server.h"
 #include "frame/message.h"
@@ -39,7 +39,7 @@ static unsigned ParseBrand(const char *text) {
 }
 
 unsigned ReadBrand(const char *path) {
-    const UniqueFile file = OpenFile(path, "r");
+    TextFile file(path);
     if (!file) {
         TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %s\n", path,
                    strerror(errno));
@@ -47,7 +47,7 @@ unsigned ReadBrand(const char *path) {
     }
     unsigned brand = 0;
     char line[256];
-    while (fgets(line, sizeof line, file.get())) {
+    while (file.ReadLine(line)) {
         const char *colon = COM_StrNCaseStr(line, "brandid") ? strchr(line, ':') : nullptr;
         if (colon) {
             brand = ParseBrand(colon + 1);

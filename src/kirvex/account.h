@@ -10,17 +10,19 @@
 #include "kirvex/packet.h"
 
 // The Base64 fields that a request's body begins with, decoded into areas that lie back to back.
-// A value that fills its area reads on into the next one; behind the last there is a zero byte.
+// A field without a terminator reads on into what follows it in the request, a value that fills its
+// area into the next area; behind the last there is a zero byte.
 template <size_t kCount>
 class DecodedCredentials {
   public:
     static constexpr size_t kAreaSize = 48;
 
+    // `request` has kx::kReceiveSize bytes.
     explicit DecodedCredentials(const uint8_t *request) {
-        const char *fields = reinterpret_cast<const char *>(request + kx::kCredentials);
+        const char *text = reinterpret_cast<const char *>(request);
         for (size_t i = 0; i < kCount; ++i) {
-            DecodeBase64(text_ + i * kAreaSize, kAreaSize, fields + i * kx::kCredentialSize,
-                         kx::kCredentialSize);
+            const size_t field = kx::kCredentials + i * kx::kCredentialSize;
+            DecodeBase64(text_ + i * kAreaSize, kAreaSize, text + field, kx::kReceiveSize - field);
         }
     }
     const char *operator[](size_t i) const { return text_ + i * kAreaSize; }
@@ -31,6 +33,8 @@ class DecodedCredentials {
 
 // Whether an account name counts as the administrator's: it begins with "admin".
 bool IsAdministrator(const char *account);
+
+// Both operations read `request` to kx::kReceiveSize bytes where its fields have no end.
 
 // Tells `sender` what privilege an account has, judged by its name alone. Returns 0, or -1 when the
 // reply could not be sent.

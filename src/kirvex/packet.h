@@ -19,6 +19,9 @@ namespace kx {
 
 inline constexpr uint16_t kPort = 62976;
 
+// The bytes of a request that the server may read, whatever was received.
+inline constexpr size_t kReceiveSize = 16384;
+
 inline constexpr KirvexField kIdentifier{0, 2};
 inline constexpr KirvexField kSequenceNumber{2, 2};
 inline constexpr KirvexField kOperation{4, 2};

@@ -6,7 +6,7 @@
 #include <ctime>
 
 #include "common/text.h"
-#include "common/unique_file.h"
+#include "common/text_file.h"
 #include "kirvex/endpoint.h"
 #include "kirvex/web_session.h"
 #include "unit/net_info.h"
@@ -15,14 +15,14 @@ static constexpr char kSource[] = "KIRVEX";
 static constexpr uint32_t kProductTypeRecorder = 1;
 
 int KIRVEX_GetDHCPStatus(const char *device) {
-    const UniqueFile file = OpenFile(kKirvexInterfaces, "r");
+    TextFile file(kKirvexInterfaces);
     if (!file) {
         TQ_LOG("fopen(%s) failed : %s\n", kKirvexInterfaces, strerror(errno));
         return -1;
     }
     int status = -1;
     char line[1024];
-    while (fgets(line, sizeof line, file.get())) {
+    while (file.ReadLine(line)) {
         if (COM_StrNCaseStr(line, device) && COM_StrNCaseStr(line, "dhcp")) {
             status = 1;
         }
@@ -57,7 +57,7 @@ int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &send
     COM_GetNetInfo(NETINFO_GATEWAY_RAW, device, settings + kx::kGateway.offset);
     COM_GetNetInfo(NETINFO_DNS1_RAW, device, settings + kx::kPrimaryDns.offset);
     COM_GetNetInfo(NETINFO_DNS2_RAW, device, settings + kx::kSecondaryDns.offset);
-    // Tools know an interface with a fixed address by the byte 0xFF, which -1 leaves here.
+    // The status goes out as it is: 1, or, for a fixed address, the byte 0xFF that -1 leaves here.
     WriteInteger(settings, kx::kDhcp, static_cast<uint32_t>(KIRVEX_GetDHCPStatus(device)));
     WriteNow(reply.packet);
     return reply.Send(sock, sender, {kSource, __func__});

@@ -11,13 +11,14 @@
 #include "config/process.h"
 #include "kirvex/account.h"
 #include "kirvex/endpoint.h"
+#include "kirvex/packet.h"
 #include "kirvex/search.h"
 #include "kirvex/set_basic_info.h"
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "KIRVEX";
 
-static_assert(kx::kChangeRequestSize <= kKirvexReceiveSize, "requests are read at fixed offsets");
+static_assert(kx::kChangeRequestSize <= kx::kReceiveSize, "requests are read at fixed offsets");
 
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockaddr_in *address) {
     if (!OpenKirvexSocket(sock, device, true, {kSource, __func__})) {
@@ -95,7 +96,7 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
     TQ_LOG("Create KIRVEX UDP Socket (fd = %d)\n", sock.get());
     COM_SavePid(pidFile ? pidFile : kDefaultPidFile);
     // Never cleared again: what a short request does not carry is read from the one before it.
-    uint8_t packet[kKirvexReceiveSize] = {};
+    uint8_t packet[kx::kReceiveSize] = {};
     sockaddr_in sender{};
     socklen_t senderSize = sizeof sender;
     while (true) {

@@ -3,11 +3,7 @@
 
 #include <netinet/in.h>
 
-#include <cstddef>
 #include <cstdint>
-
-// The bytes of a request that the server may read, whatever was received.
-inline constexpr size_t kKirvexReceiveSize = 16384;
 
 // Serves KIRVEX requests for ever. A null `pidFile` means "/var/run/TQ.pid", a null `device`
 // "eth0". Returns -1 when there is no socket to serve on.
@@ -18,7 +14,7 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device);
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int port, int *sock,
                                       sockaddr_in *address);
 
-// Checks a request (kKirvexReceiveSize bytes) and has it answered. Returns the result of the
+// Checks a request (kx::kReceiveSize bytes) and has it answered. Returns the result of the
 // operation, or -1 when the request was ignored.
 int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender,
                      const uint8_t *packet);

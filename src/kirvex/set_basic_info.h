@@ -6,7 +6,8 @@
 #include <cstdint>
 
 // Writes the settings that a request carries, answers `sender`, and then restarts the network.
-// Returns 0 when all of that was done; -1 otherwise, whatever the reply says.
+// `request` has kx::kReceiveSize bytes. Returns 0 when all of that was done; -1 otherwise, whatever
+// the reply says.
 int KIRVEX_Reply_SetBasicInfo(const char *device, int sock, const sockaddr_in &sender,
                               const uint8_t *request);
 

@@ -10,8 +10,8 @@
 
 #include "common/socket.h"
 #include "common/text.h"
+#include "common/text_file.h"
 #include "common/unique_fd.h"
-#include "common/unique_file.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "DNS";
@@ -75,14 +75,14 @@ int DNS_GetA(const char *name, DnsAddrEntry *entries, int timeout) {
 
 int DNS_GetNameServer(char *ns1, char *ns2, char *ns3, char *ns4) {
     char *const slots[kMaxNameServers] = {ns1, ns2, ns3, ns4};
-    const UniqueFile file = OpenFile(kResolverFile, "r");
+    TextFile file(kResolverFile);
     if (!file) {
         TQ_LOG("fopen(%s) error : %s\n", kResolverFile, strerror(errno));
         return 0;
     }
     char line[kLineSize];
     int count = 0;
-    while (count < kMaxNameServers && fgets(line, sizeof line, file.get())) {
+    while (count < kMaxNameServers && file.ReadLine(line)) {
         if (strncmp(line, kNameServerKey, strlen(kNameServerKey)) != 0) {
             continue;
         }

@@ -9,7 +9,7 @@
 
 #include "common/number.h"
 #include "common/text.h"
-#include "common/unique_file.h"
+#include "common/text_file.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
@@ -34,14 +34,14 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
         TQ_LOG("Warnning!! (*pBuf != NULL)\n");
         return -1;
     }
-    const UniqueFile file = OpenFile(path, "r");
+    TextFile file(path);
     if (!file) {
         TQ_LOG("fopen(%s) error : %s\n", path, strerror(errno));
         return -1;
     }
     int count = 0;
     char line[256];
-    while (fgets(line, sizeof line, file.get())) {
+    while (file.ReadLine(line)) {
         const char *colon = strchr(line, ':');
         if (!colon) {
             continue;

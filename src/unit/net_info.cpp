@@ -15,8 +15,8 @@
 #include <cstring>
 
 #include "common/text.h"
+#include "common/text_file.h"
 #include "common/unique_fd.h"
-#include "common/unique_file.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
@@ -120,13 +120,13 @@ const char *COM_ConvertNetDevName(const char *name) {
         return name;
     }
     static constexpr char kInterfaces[] = "/etc/network/interfaces";
-    const UniqueFile file = OpenFile(kInterfaces, "r");
+    TextFile file(kInterfaces);
     if (!file) {
         TQ_LOG("fopen(%s) error : %s\n", kInterfaces, strerror(errno));
         return kDefaultDevice;
     }
     char line[128];
-    while (fgets(line, sizeof line, file.get())) {
+    while (file.ReadLine(line)) {
         if (strstr(line, "auto") && !strstr(line, kDefaultDevice)) {
             return "ppp0";
         }
@@ -185,9 +185,9 @@ static HardwareAddress ParseHardwareAddress(const char *text) {
     return mac;
 }
 
-static HardwareAddress FindInArpTable(FILE *table, const char *address) {
+static HardwareAddress FindInArpTable(TextFile &table, const char *address) {
     char line[256];
-    while (fgets(line, sizeof line, table)) {
+    while (table.ReadLine(line)) {
         const auto tokens = SplitLine<6>(line, " \t\r\n");
         if (tokens[3] && strcmp(tokens[0], address) == 0) {
             return ParseHardwareAddress(tokens[3]);
@@ -199,9 +199,9 @@ static HardwareAddress FindInArpTable(FILE *table, const char *address) {
 int COM_GetArpMAC(int selector, const char *address, void *output) {
     static constexpr char kArpTable[] = "/proc/net/arp";
     HardwareAddress mac{};
-    const UniqueFile table = OpenFile(kArpTable, "r");
+    TextFile table(kArpTable);
     if (table) {
-        mac = FindInArpTable(table.get(), address);
+        mac = FindInArpTable(table, address);
     } else {
         TQ_LOG("fopen(%s) fail : %s\n", kArpTable, strerror(errno));
     }
@@ -256,13 +256,13 @@ int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
                              : selector == NETINFO_GATEWAY_PADDED ? AddressForm::kPadded
                                                                   : AddressForm::kText;
     WriteNoAddress(form, output);
-    const UniqueFile table = OpenFile(kRouteTable, "r");
+    TextFile table(kRouteTable);
     if (!table) {
         TQ_LOG("fopen(%s) : %s\n", kRouteTable, strerror(errno));
         return -1;
     }
     char line[256];
-    while (fgets(line, sizeof line, table.get())) {
+    while (table.ReadLine(line)) {
         const auto columns = SplitLine<kColumns>(line, "\t");
         if (!columns[kMask] || strcmp(columns[kDestination], kDefault) != 0 ||
             strcmp(columns[kMask], kDefault) != 0) {
@@ -280,19 +280,19 @@ int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
 
 // Finds the text of the first or second name server. A line that holds "nameserver" anywhere
 // counts, also one that is commented out; when the wanted one names nobody there is none.
-static bool FindNameServer(FILE *file, int ordinal, char *server, size_t size) {
+static bool FindNameServer(TextFile &file, int ordinal, char *server, size_t size) {
     static constexpr char kKey[] = "nameserver";
     char line[160];
-    while (fgets(line, sizeof line, file)) {
+    while (file.ReadLine(line)) {
         char *found = strstr(line, kKey);
-        if (!found || --ordinal != 0) {
+        if (!found || --ordinal > 0) {
             continue;
         }
         const auto tokens = SplitLine<1>(found + strlen(kKey), " \t\r\n");
         if (tokens[0]) {
             CopyText(server, size, tokens[0]);
-            return true;
         }
+        return tokens[0] != nullptr;
     }
     return false;
 }
@@ -306,7 +306,7 @@ int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
                                  ? AddressForm::kPadded
                                  : AddressForm::kText;
     WriteNoAddress(form, output);
-    const UniqueFile file = OpenFile(kResolver, "r");
+    TextFile file(kResolver);
     if (!file) {
         if (errno != ENOENT) {
             TQ_LOG("fopen(%s) : %s\n", kResolver, strerror(errno));
@@ -315,7 +315,7 @@ int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
     }
     // As wide as the longest line: only the text form is cut to its field.
     char server[160];
-    if (!FindNameServer(file.get(), second ? 2 : 1, server, sizeof server)) {
+    if (!FindNameServer(file, second ? 2 : 1, server, sizeof server)) {
         return -1;
     }
     if (form == AddressForm::kText) {

@@ -79,6 +79,8 @@ TEST(KirvexServer, ReadsWhatAnEarlierRequestLeft) {
     EXPECT_EQ(Ask(Header(0xA3) + Credentials({"administrator", "x"})).substr(22), administrator);
     EXPECT_EQ(Ask(Header(0xA3)).substr(22), administrator);
     EXPECT_EQ(Ask(Header(0xA3) + Credentials({"Admin"})).substr(22), user);
+    const std::string endless = "YWRt" + std::string(60, ' ') + Field("aW4=", 64);
+    EXPECT_EQ(Ask(Header(0xA3) + endless).substr(22), administrator) << "reads on into the next";
     EXPECT_EQ(Ask(Bytes({0xFD, 0xFD, 1, 2})).substr(0, 6), Bytes({0xEE, 0xFE, 1, 2, 0xA5, 0}));
 }
 

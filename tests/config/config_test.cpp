@@ -47,6 +47,14 @@ TEST(ConfigFile, SetsWhatItsLinesSay) {
         EXPECT_NE(std::string::npos, output.find(c.output)) << output;
     }
     TQ_Cfg cfg{};
+    WriteFile("/tmp/TQ.conf", "netscript=\"/a b\"\nUSERSCRIPT \"/c\"\nDnsFile=\"/e\"\n");
+    cfg.pCfgFile = "/tmp/TQ.conf";
+    const std::string output = OutputOf([&] { EXPECT_EQ(0, TQ_ParsetCfg(&cfg)); });
+    for (const char *line : {"NETSCRIPT = [/a b]\n", "USERSCRIPT = [/c]\n", "DNSFILE = [/e]\n"}) {
+        EXPECT_NE(std::string::npos, output.find(std::string("TQ_ParsetCfg(): ") + line)) << output;
+    }
+    EXPECT_STREQ("/a b", cfg.netscript);
+    EXPECT_STREQ("/c", cfg.userscript);
     cfg.pCfgFile = "/none";
     EXPECT_NE(std::string::npos,
               OutputOf([&] {
@@ -75,6 +83,7 @@ TEST(LineEditor, ReplacesDeletesAndAppendsWholeLines) {
         {"x a\nA", Item("a", "a new"), Item("A", "A new"), 0, 1, 0, 2, "a new\nA new\n"},
         {"c\n", Item("a", "a new"), Item("b", ""), 0, 0, 1, 1, "c\na new\n"},
         {"a\nb\n", Item("a", "x"), Item("b", "y"), 1, 0, 0, 2, "a\nb\n"},
+        {"a\n", Item("a", "x"), Item("b", "y"), 1, 0, 1, 2, "a\n"},
         {longLine + "\na\r\n", Item("a", "a new"), Item("b", ""), 0, 0, 0, 1,
          longLine + "\na new\n"},
         {"", Item("a", "x"), Item("b", "y"), 0, 0, 0, 0, ""},
@@ -158,7 +167,10 @@ TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
          WithStanza(kStatic + "\n"), kNewResolver, "Skip invalid gateway - [192.168.1.1 ;id]\n"},
         {kInterfaces, "none\n", "eth0", "n", "10.0.0.1", "static", -1, WithStanza(kStatic + "\n"),
          "none\n", "Skip invalid"},
-        {kInterfaces, kResolver, "eth9", "n", "", "static", 0, kInterfaces, kResolver, ""},
+        {kInterfaces, kResolver, "eth9", "n", "", "static", 0, kInterfaces, kResolver,
+         "TQ_SetupNetwork(): Execute : pCfg->netscript = [/tmp/script restart  now]\n"},
+        {"", "", "eth9", "n", "", "dhcp", 0, "", "",
+         "TQ_SetupNetwork(): Execute : pCfg->userscript = [/tmp/script user]\n"},
         {crlf, kResolver, "eth0", "n", "", "dhcp", 0,
          "auto eth0\r\niface eth0 inet dhcp\n  hostname n\n\niface eth0 inet dhcp\n  hostname n\n\n"
          "auto z\r\nlast",
@@ -174,7 +186,7 @@ TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
         TQ_Cfg cfg{};
         strcpy(cfg.netfile, "/tmp/interfaces");
         strcpy(cfg.dnsfile, "/tmp/resolver");
-        strcpy(cfg.netscript, "/tmp/script restart  now");
+        strcpy(cfg.netscript, c.before.empty() ? "" : "/tmp/script restart  now");
         strcpy(cfg.userscript, "/tmp/script user");
         UnitInfo request{};
         strcpy(request.dev, c.device);
@@ -189,7 +201,8 @@ TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
         EXPECT_EQ(c.after, ReadFile("/tmp/interfaces"));
         EXPECT_EQ(c.newResolver, ReadFile("/tmp/resolver"));
         EXPECT_NE(std::string::npos, output.find(c.message)) << output;
-        EXPECT_EQ(c.result == 0 ? "restart now\nuser\n" : "", ReadFile("/tmp/ran"));
+        const std::string ran = c.before.empty() ? "user\n" : "restart now\nuser\n";
+        EXPECT_EQ(c.result == 0 ? ran : "", ReadFile("/tmp/ran"));
         EXPECT_EQ("", ListFolder("-d /tmp/TQ_* 2>/dev/null"));
     }
     EXPECT_EQ(-1, TQ_SetupNetwork(nullptr, nullptr));
@@ -309,6 +322,8 @@ TEST(Process, SignalsByNameHitTheRightOneAmongDecoys) {
     EXPECT_EQ(0, COM_SendSignal(nullptr, later, SIGTERM));
     EXPECT_EQ(SIGTERM, EndOf(later));
     EXPECT_EQ(-1, COM_SendSignal("init", 0, SIGTERM));
+    // The process's own link comes first and is no process; the scan ends there all the same.
+    EXPECT_EQ(-1, COM_SendSignal(ReadFile("/proc/self/cmdline").c_str(), 0, SIGKILL));
     EXPECT_NE(std::string::npos,
               OutputOf([&] {
                   EXPECT_EQ(-1, COM_SendSignal(nullptr, first, SIGTERM));

@@ -149,7 +149,7 @@ TEST(KirvexClient, PrintsNothingBeyondThePacket) {
     packet[4] = 0xA1, packet[5] = 0;
     const std::string text(packet.begin(), packet.begin() + 334);
     const std::string log = Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.data()); }));
-    EXPECT_EQ(log.substr(log.find("KIRVEX_PrintReplyPkt")),
+    EXPECT_EQ(log.substr(log.find("KIRVEX:KIRVEX_PrintReplyPkt")),
               Said("KIRVEX_PrintReplyPkt",
                    "Brand Name: " + text.substr(22) + "\nProduct Name: " + text.substr(86) +
                        "\nModel Name: " + text.substr(150) + "\nVersion: " + text.substr(182) +
@@ -160,4 +160,7 @@ TEST(KirvexClient, PrintsNothingBeyondThePacket) {
                        "Netmask: 97.98.99.100\nGateway: 101.102.48.49\npDNS: 50.51.52.53\n"
                        "sDNS: 54.55.56.57\nDHCP ON/OFF: ON\nDate Time: " +
                        text.substr(315) + "\nTimeZone: 0x6263\nDaylight Saving Time: 0x64\n"));
+    packet[4] = 0xA3;
+    EXPECT_TRUE(Holds(Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.data()); })),
+                      Said("KIRVEX_PrintReplyPkt", "User Privilege: 0x39383736\n")));
 }

@@ -94,6 +94,6 @@ TEST(KirvexServer, ServesItsInterfaceOnly) {
     char reply[32];
     EXPECT_EQ(recv(local.get(), reply, sizeof reply, MSG_DONTWAIT), -1);
     EXPECT_EQ(Shorten(OutputOf([] { EXPECT_EQ(TQ_Server_KIRVEX(nullptr, "eth9"), -1); })),
-              "KIRVEX_CreateUDPRecvAnyAddrSocket(): setsockopt error: No such device\n"
-              "TQ_Server_KIRVEX(): Create KIRVEX UDP Socket port 62976 failed!\n");
+              Said("KIRVEX_CreateUDPRecvAnyAddrSocket", "setsockopt error: No such device\n") +
+                  Said("TQ_Server_KIRVEX", "Create KIRVEX UDP Socket port 62976 failed!\n"));
 }

@@ -1,6 +1,8 @@
 #include "kirvex/set_basic_info.h"
 
+#include "kirvex/account.h"
 #include "kirvex/bench.h"
+#include "kirvex/search.h"
 
 static const std::string kInterfaces =
     "# lan\nauto eth0\niface eth0 inet dhcp\n  hostname old\n\nauto eth1\niface eth1 inet manual\n";
@@ -88,4 +90,23 @@ TEST(KirvexSetBasicInfo, LeavesTheHostNameOutForNobody) {
     const std::string settings = Settings("(none)", "");
     EXPECT_EQ(KIRVEX_NetWorkSetup("eth0", reinterpret_cast<const uint8_t *>(settings.data())), 0);
     EXPECT_EQ(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n");
+}
+
+TEST(KirvexSetBasicInfo, RestartsNothingWhenTheReplyCannotBeSent) {
+    WriteFile("/mtd1/interfaces", kInterfaces);
+    WriteFile("/etc/Port", "8080\n");
+    Shell("rm -f /tmp/restart");
+    const AccountPages web("basic");
+    const std::string request = Field(
+        Header(0xA2) + Credentials({"admin", "1234"}) + Settings("QVR", ""), kx::kReceiveSize);
+    for (const auto reply :
+         {KIRVEX_Reply_SetBasicInfo, KIRVEX_Reply_DevSearch, KIRVEX_Reply_QuerySupportedOptFns,
+          KIRVEX_Reply_UserVerification, KIRVEX_Reply_ChangeIDPwd}) {
+        const std::string output = OutputOf([&] {
+            EXPECT_EQ(reply("eth0", -1, {}, reinterpret_cast<const uint8_t *>(request.data())), -1);
+        });
+        EXPECT_TRUE(Holds(output, "(): sendto error: Bad file descriptor\n")) << output;
+    }
+    EXPECT_TRUE(Holds(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n  hostname QVR-7140"));
+    EXPECT_NE(access("/tmp/restart", F_OK), 0);
 }

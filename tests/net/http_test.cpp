@@ -1,5 +1,7 @@
 #include "net/http.h"
 
+#include <sys/resource.h>
+
 #include "net/peers.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -146,6 +148,17 @@ TEST(Http, Failures) {
         EXPECT_EQ(got.result, -1);
         EXPECT_TRUE(Holds(got.messages, first) && Holds(got.messages, second)) << got.messages;
     }
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{3, limit.rlim_max};
+    const Outcome got = Observe([&](char **r) {
+        setrlimit(RLIMIT_NOFILE, &none);
+        const int result = COM_GetHttpContent("127.0.0.1", r, nullptr);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        return result;
+    });
+    EXPECT_EQ(got.result, 0);
+    EXPECT_TRUE(Holds(got.messages, "COM_SubSendHttpCmd(): socket() error : Too many open files"));
 }
 
 // What there is memory for ends in a zero byte, also where there is none for more.

@@ -134,9 +134,10 @@ def kirvex():
             change = lan.kirvex_request(lan.CHANGE, host, lan.kirvex_credentials("admin", "1234", "admin", "1234"))
             with desk.socket() as client:
                 _, answered, seconds = rally(client, change, ("192.168.1.31", lan.KIRVEX_PORT), 20, 1, window=1)
-            exchanges = host.web_log().count(" HTTP/") / 20
-            print(f"  password change through {scheme}: {answered} of 20, {seconds / 20 * 1000:.0f} ms, "
-                  f"{exchanges:g} exchanges", flush=True)
+            exchanges = host.web_log().count(" HTTP/")
+            each = max(answered, 1)
+            print(f"  password change through {scheme}: {answered} of 20, {seconds / each * 1000:.0f} ms, "
+                  f"{exchanges / each:g} exchanges", flush=True)
 
 
 def startup():

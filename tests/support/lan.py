@@ -27,7 +27,8 @@ import time
 from collections import namedtuple
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
-BASE = pathlib.Path("/mnt")  # a private tmpfs once enter() has been through
+# A private tmpfs once enter() has been through.
+BASE = pathlib.Path("/srv" if TOP.is_relative_to("/mnt") else "/mnt")
 NO_ADDRESS = "000.000.000.000"
 SERVER_PORT, CLIENT_PORT, KIRVEX_PORT = 6666, 6667, 62976
 SKIPPED = 77
@@ -66,7 +67,7 @@ def enter(farewell=""):
     if inner == 0:
         _call(_libc.prctl, _PR_SET_PDEATHSIG, signal.SIGKILL)
         os.setsid()
-        setup = ("mount --make-rprivate / && mount -t proc proc /proc && mount -t tmpfs lan /mnt && "
+        setup = (f"mount --make-rprivate / && mount -t proc proc /proc && mount -t tmpfs lan {BASE} && "
                  "ip link set lo up")
         done = subprocess.run(["sh", "-c", setup], stderr=subprocess.PIPE, text=True, check=False)
         if done.returncode:

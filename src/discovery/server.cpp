@@ -58,8 +58,9 @@ class NativeServer {
     UniqueFd listener_;
     UniqueFd udp_;
     // This unit on the interface that a setup package names. It is zeroed only here: every filling
-    // after the first doubles the identity texts, so only the first setup package that gets so far
-    // can match. A second one needs a restart, and tools count on that.
+    // after the first appends the identity files' texts once more, so only the first setup package
+    // that gets so far can match (of a unit with such files). A second one needs a restart, and
+    // tools count on that.
     UnitInfo own_{};
     char message_[kPackageSize + 1];
 };

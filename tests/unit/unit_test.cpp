@@ -176,7 +176,9 @@ TEST(NetInfo, GivesEveryFactInEveryForm) {
         int result = 0;
         OutputOf([&] {
             const bool arp = c.selector >= 11 && c.selector <= 19;
-            result = COM_GetNetInfo(c.selector, arp ? "192.168.1.77" : "eth0", output.data());
+            // Routes and name servers are the machine's, whatever the interface.
+            const char *device = c.selector >= 29 && c.selector <= 37 ? "lo" : "eth0";
+            result = COM_GetNetInfo(c.selector, arp ? "192.168.1.77" : device, output.data());
         });
         EXPECT_EQ(c.value + "####", output.substr(0, c.value.size()) + output.substr(used))
             << c.selector;

@@ -262,31 +262,43 @@ def test_file_systems_have_no_room_for_a_byte_more(net):
     assert host.run("cat /etc/resolv.conf") == ("nameserver 10.0.0.53\n" + texts[1][19:])[:4096]
 
 
+LEFT_BY_A_KILL = {
+    ("old", "old", ""), ("old", "old", "/tmp/TQ "), ("old", "old", "/tmp/TQ /var/COM "),
+    ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
+    ("old", "new", "/tmp/TQ "), ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
+    ("new, tail of old", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
+
+
+def kill_before_each(net, host, call, interfaces):
+    """Kills setups before their first, second ... call; returns what was left each time."""
+    states, killed, number = set(), True, 0
+    while killed:
+        number += 1
+        begin(host, interfaces=interfaces)
+        strace = [*host.nsenter, "strace", "-o", "/dev/null", "-e", f"trace={call}", "-e",
+                  f"inject={call}:signal=KILL:when={number}", "-p", host.run("cat /var/run/TQ.pid")]
+        with subprocess.Popen(strace, stderr=subprocess.PIPE) as tracer, net.desk.socket() as tool:
+            tracer.stderr.readline()
+            tool.sendto(change(host), ("192.168.1.21", MARKS[host.brand][2]))
+            lan.wait_until(lambda: tracer.poll() is not None or became(host)[2])
+            killed = tracer.poll() is not None
+            host.run("kill -9 $(cat /var/run/TQ.pid) 2>/dev/null || :")
+        assert killed or became(host, interfaces) == DONE
+        temporary = host.run("ls -d /tmp/TQ_* /var/COM_* 2>/dev/null || :")
+        states.add((*became(host, interfaces)[:2], re.sub("_.{6}\n", " ", temporary)))
+    return states
+
+
 @pytest.mark.parametrize("brand", [3, 16])
 def test_kill_at_every_point_of_a_setup(net, brand):
     host = unit(net, brand=brand)
     states, long = set(), INTERFACES + "\n" + "# the rest of a long file\n" * 400
-    for call in ("openat", "write", "truncate", "unlink", "clone"):
-        killed, number = True, 0
-        while killed:
-            number += 1
-            begin(host, interfaces=long)
-            strace = [*host.nsenter, "strace", "-o", "/dev/null", "-e", f"trace={call}", "-e",
-                      f"inject={call}:signal=KILL:when={number}", "-p", host.run("cat /var/run/TQ.pid")]
-            with subprocess.Popen(strace, stderr=subprocess.PIPE) as tracer, net.desk.socket() as tool:
-                tracer.stderr.readline()
-                tool.sendto(change(host), ("192.168.1.21", MARKS[brand][2]))
-                lan.wait_until(lambda: tracer.poll() is not None or became(host)[2])
-                killed = tracer.poll() is not None
-                host.run("kill -9 $(cat /var/run/TQ.pid) 2>/dev/null || :")
-            assert killed or became(host, long) == DONE
-            temporary = host.run("ls -d /tmp/TQ_* /var/COM_* 2>/dev/null || :")
-            states.add((*became(host, long)[:2], re.sub("_.{6}\n", " ", temporary)))
-    assert states == {
-        ("old", "old", ""), ("old", "old", "/tmp/TQ "), ("old", "old", "/tmp/TQ /var/COM "),
-        ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
-        ("old", "new", "/tmp/TQ "), ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
-        ("new, tail of old", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
+    for _ in range(3):  # a message more than usual moves what is behind it on, and one point is missed
+        for call in ("openat", "write", "truncate", "unlink", "clone"):
+            states |= kill_before_each(net, host, call, long)
+        if states >= LEFT_BY_A_KILL:
+            break
+    assert states == LEFT_BY_A_KILL
     begin(host)
     assert len(serve(net, host, kirvex_request(SEARCH) if brand == 16 else QUERY)[0]) == 1 + (brand == 3)
 

@@ -12,24 +12,16 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests/support"))
 
 import lan  # noqa: E402
+from measure import anonymous_kb, cpu_microseconds, wire_times  # noqa: E402
 
 NATIVE = lan.CHOSEN
 SO_RCVBUFFORCE = 33
 UNIT = ("192.168.1.21", lan.SERVER_PORT)
 
 
-def server(host, what):
-    return host.run(f"cat /proc/$(cat /var/run/TQ.pid)/{what}")
-
-
-def cpu_microseconds(host):
-    return int(server(host, "schedstat").split()[0]) / 1000
-
-
 def state(host):
-    anonymous = next(line.split()[1] for line in server(host, "smaps_rollup").splitlines()
-                     if line.startswith("Anonymous:"))
-    return f"{anonymous} kB anonymous, {len(host.run('ls /proc/$(cat /var/run/TQ.pid)/fd').split())} descriptors"
+    descriptors = host.run("ls /proc/$(cat /var/run/TQ.pid)/fd").split()
+    return f"{anonymous_kb(host)} kB anonymous, {len(descriptors)} descriptors"
 
 
 def paced(client, request, to, rate, seconds):
@@ -76,27 +68,13 @@ def listen(host):
     return wire
 
 
-def wire_times(frames):
-    """Microseconds from each request that the host got to the first frame that it sent after it."""
-    times, asked = [], None
-    for when, data, from_host in frames:
-        if data[12:14] != b"\x08\x00" or data[23] != 17:
-            continue
-        if not from_host:
-            asked = when
-        elif asked is not None:
-            times.append((when - asked) / 1000)
-            asked = None
-    return times
-
-
 def requests(title, host, client, request, to, answers):
     """What one kind of request costs."""
     print(title, flush=True)
     wire = listen(host)
     for _ in range(200):
         rally(client, request, to, 1, answers)
-    times = wire_times(wire.frames())
+    times = wire_times(wire.frames(), to[1])
     print(f"  request to reply on the wire, one at a time: median {statistics.median(times):.0f} us, "
           f"99th of 100 {statistics.quantiles(times, n=100)[98]:.0f} us", flush=True)
     drain(client)

@@ -13,8 +13,10 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests/support"))
 
 import lan  # noqa: E402
+from measure import anonymous_kb, cpu_microseconds, wire_times  # noqa: E402
 
 ROUNDS, TIMED, COUNTED = 3, 60, 300
+PID = "/run/contender.pid"
 PAUSE = 0.03  # so that a server is at rest when a timed query comes
 ADDRESS = "192.168.1.21"
 
@@ -34,12 +36,12 @@ SSDP_QUERY = ("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:
 
 
 def start(host, command):
-    host.run(f"{command} >/tmp/log 2>&1 & echo $! >/run/contender.pid", stdout=None)
+    host.run(f"{command} >/tmp/log 2>&1 & echo $! >{PID}", stdout=None)
 
 
 def start_tq(host):
     host.start_tq()
-    host.run("cp /var/run/TQ.pid /run/contender.pid")
+    host.run(f"cp /var/run/TQ.pid {PID}")
 
 
 def start_mdnsd(host):
@@ -71,7 +73,7 @@ def start_minissdpd(host):
     host.run("/usr/sbin/minissdpd -i eth0 >/tmp/log 2>&1", stdout=None)
     lan.wait_until(host.path("run/minissdpd.sock").exists)
     lan.wait_until(host.path("run/minissdpd.pid").exists)
-    host.run("cp /run/minissdpd.pid /run/contender.pid")
+    host.run(f"cp /run/minissdpd.pid {PID}")
     usn = "uuid:2fac1234-31f8-11b4-a222-08002b34c003"
     host.run("/usr/bin/python3", "-c", REGISTER, SSDP_TYPE, usn + "::" + SSDP_TYPE, "TQ/1 UPnP/1.1 bench/1",
              f"http://{ADDRESS}:80/unit.xml")
@@ -110,12 +112,12 @@ class Contender:
                 self.times += wire_times(frames, self.port)
                 FRAMES.setdefault(self.title, [data[14:] for _, data, sent in frames if sent][:self.answers])
                 time.sleep(0.2)
-                before = cpu(host)
+                before = cpu_microseconds(host, PID)
                 for _ in range(COUNTED):
                     self.exchange(client)
                 time.sleep(0.2)
-                self.costs.append((cpu(host) - before) / COUNTED)
-            self.memory = anonymous(host)
+                self.costs.append((cpu_microseconds(host, PID) - before) / COUNTED)
+            self.memory = anonymous_kb(host, PID)
 
     def exchange(self, client):
         client.sendto(self.query, (ADDRESS, self.port))
@@ -151,29 +153,6 @@ class Contender:
         seen = subprocess.run(["ldd", self.program], text=True, stdout=subprocess.PIPE, check=True).stdout
         libraries = [line.split()[0] for line in seen.splitlines() if "=> /" in line]
         return size, [library for library in libraries if not library.startswith("libc.so")]
-
-
-def wire_times(frames, port):
-    """Microseconds from each query that the host got to the first datagram from that port or to all."""
-    times, asked = [], None
-    for when, data, sent in frames:
-        if data[12:14] != b"\x08\x00" or data[23] != 17:
-            continue
-        if not sent and int.from_bytes(data[36:38], "big") == port:
-            asked = when
-        elif sent and asked is not None:
-            times.append((when - asked) / 1000)
-            asked = None
-    return times
-
-
-def cpu(host):
-    return int(host.run("cat /proc/$(cat /run/contender.pid)/schedstat").split()[0]) / 1000
-
-
-def anonymous(host):
-    return int(next(line.split()[1] for line in host.run("cat /proc/$(cat /run/contender.pid)/smaps_rollup").splitlines()
-                    if line.startswith("Anonymous:")))
 
 
 def contenders():

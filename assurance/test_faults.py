@@ -303,6 +303,33 @@ def test_kill_at_every_point_of_a_setup(net, brand):
     assert len(serve(net, host, kirvex_request(SEARCH) if brand == 16 else QUERY)[0]) == 1 + (brand == 3)
 
 
+@pytest.mark.parametrize("brand", [3, 16])
+def test_interface_comes_and_goes(net, brand):
+    host = begin(unit(net, brand=brand))
+    up = ("address replace 192.168.1.21/24 broadcast + dev eth0", "link set eth0 up",
+          "route replace default via 192.168.1.1 dev eth0 onlink")
+
+    def answers(patience):
+        return net.desk.ask_kirvex(kirvex_request(SEARCH), patience=patience) if brand == 16 else net.desk.ask(
+            patience=patience)
+
+    def made_anew():
+        lan.ip(f"link add cam1.0 type veth peer name eth0 address {host.macs[0]} netns {host.pid}",
+               "link set cam1.0 master br0 up")
+
+    for gone, back in (("link set eth0 down", ()), ("address flush dev eth0", ()),
+                       ("link set eth0 down name lan9", ("link set lan9 name eth0",)), ("link del eth0", made_anew)):
+        lan.ip(gone, host=host)
+        spent = host.run("cut -d' ' -f1 /proc/$(cat /var/run/TQ.pid)/schedstat")
+        assert answers(0.5) == []
+        assert int(host.run("cut -d' ' -f1 /proc/$(cat /var/run/TQ.pid)/schedstat")) - int(spent) < 1e8
+        if callable(back):
+            back()
+        lan.ip(*([] if callable(back) else back), *up, host=host)
+        # The KIRVEX socket is tied to a device, not to a name.
+        assert any(answers(0.5) for _ in range(6)) == (brand == 3 or back != made_anew), gone
+
+
 def test_clock_jumps(net):
     host = unit(net)
     begin(host, "-W")

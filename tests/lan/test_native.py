@@ -245,6 +245,7 @@ def test_interface_goes_and_comes_back(net):
         lan.ip(gone, host=host)
         assert net.desk.ask(patience=0.5) == []
         lan.ip(back, "route replace default via 192.168.1.1 dev eth0 onlink", host=host)
+        lan.wait_until(lambda: net.desk.ask(patience=0.5))  # the switch may take its time
         assert_serves(net, host)
 
 

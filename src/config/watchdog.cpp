@@ -102,10 +102,10 @@ static void ExpandCommand(const char *text, char *command, size_t size) {
 [[noreturn]] static void RunInChild(const char *command, int due) {
     // system() waits for its shell, which TQ_Watchdog's own way with children would not allow.
     signal(SIGCHLD, SIG_DFL);
-    signal(SIGPIPE, SIG_DFL);  // ignored by the daemon alone
     TQ_LOG_FOR((MessageOrigin{kSource, "TQ_WatchdogRerun"}), "Child : Rerun [%s] at %ld\n", command,
                static_cast<long>(due));
     fflush(stdout);
+    signal(SIGPIPE, SIG_DFL);  // ignored by the daemon alone
     // What the command made of itself is its own affair.
     [[maybe_unused]] const int status = system(command);
     _exit(0);

@@ -59,8 +59,8 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
 
 bool ParseDottedAddress(const char *text, in_addr *address) {
     // What inet_aton takes: octal, decimal and hexadecimal numbers.
-    static constexpr char kCharacters[] = "0123456789abcdefABCDEFxX.";
-    return text[strspn(text, kCharacters)] == '\0' && inet_aton(text, address) != 0;
+    const char *rest = text + strspn(text, "0123456789abcdefABCDEFxX.");
+    return rest[strspn(rest, " \t\v\f\r\n")] == '\0' && inet_aton(text, address) != 0;
 }
 
 // The mask of a prefix length, in the machine's own byte order: on the big-endian board 24 gives

@@ -18,8 +18,8 @@ int COM_GetAllNetDevice(NetDeviceName **list);
 // kept.
 int COM_GetDeviceFromProc(NetDeviceName **list, const char *path);
 
-// Reads a dotted address as inet_aton does, but refuses one that is followed by anything: inet_aton
-// ignores what stands behind a blank, and in a file that scripts read that would be a command.
+// Reads a dotted address as inet_aton does, but refuses one that is followed by more than blanks:
+// inet_aton ignores what stands there, and in a file that scripts read it would be a command.
 bool ParseDottedAddress(const char *text, in_addr *address);
 
 // Reads "address", "address/netmask" or "address/prefix length" into values of network order. A

@@ -337,11 +337,13 @@ def test_messages_reach_the_log_as_they_happen_and_once(net):
 @pytest.mark.parametrize("streams", [">&- </dev/null", "| head -n 6"])
 def test_standard_streams_closed_or_broken(net, streams):
     host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1")
-    host.run("sh", "-c", f'"$@" {streams}', "sh", *host.command("-D"))
+    host.run("sh", "-c", f'"$@" {streams} &', "sh", *host.command("-D", "-W"), stdout=None)
     lan.wait_until(lambda: re.search(r":1A0A .* 07 ", host.run("cat /proc/net/udp")))
     for _ in range(3):
         net.desk.ask(b"a message for each", patience=0)
         assert_serves(net, host)
+    host.write({"var/watchdog/RERUN": "0,echo >/var/rerun"})
+    lan.wait_until(host.path("var/rerun").exists)
 
 
 def test_watchdog(net):

@@ -227,6 +227,34 @@ static void Receive(int sock, std::span<char> buffer, const timeval &limit, Answ
     }
 }
 
+// Connects within `seconds`, which then also bound each send and receive.
+static bool Connect(int sock, const sockaddr_in &server, const char *shownPath, int seconds) {
+    COM_SetSocketTimeout(sock, seconds);
+    if (connect(sock, AsSockaddr(server), sizeof server) == 0) {
+        return true;
+    }
+    const int error = errno;
+    char address[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &server.sin_addr, address, sizeof address);
+    TQ_LOG_FOR(kSend, "connect(%s:%d) error : %s\n", address, ntohs(server.sin_port),
+               strerror(error));
+    TQ_LOG_FOR(kSend, "Fail to send [%s]\n", shownPath);
+    return false;
+}
+
+// Waits for room to send in. Returns what WaitForSocket does.
+static int WaitForRoom(int sock, const char *shownPath, timeval remaining) {
+    const int ready = WaitForSocket(sock, POLLOUT, &remaining);
+    if (ready == 0) {
+        TQ_LOG_FOR(kSend, "select([%s], %d) timeout\n", shownPath, sock);
+    } else if (ready < 0) {
+        TQ_LOG_FOR(kSend, "select([%s], %d, %d.%06d sec) error : %s\n", shownPath, sock,
+                   static_cast<int>(remaining.tv_sec), static_cast<int>(remaining.tv_usec),
+                   strerror(errno));
+    }
+    return ready;
+}
+
 static int Exchange(const sockaddr_in &server, const char *host, const char *authorization,
                     const char *path, char **result, const HttpCommand &command,
                     const HttpTimings &timings) {
@@ -236,14 +264,7 @@ static int Exchange(const sockaddr_in &server, const char *host, const char *aut
         TQ_LOG_FOR(kSend, "socket() error : %s\n", strerror(errno));
         return 0;
     }
-    COM_SetSocketTimeout(sock.get(), timings.socketSeconds);
-    const int port = ntohs(server.sin_port);
-    if (connect(sock.get(), AsSockaddr(server), sizeof server) == -1) {
-        const int error = errno;
-        char address[INET_ADDRSTRLEN];
-        inet_ntop(AF_INET, &server.sin_addr, address, sizeof address);
-        TQ_LOG_FOR(kSend, "connect(%s:%d) error : %s\n", address, port, strerror(error));
-        TQ_LOG_FOR(kSend, "Fail to send [%s]\n", shownPath);
+    if (!Connect(sock.get(), server, shownPath, timings.socketSeconds)) {
         return -1;
     }
     if (command.https) {
@@ -254,17 +275,12 @@ static int Exchange(const sockaddr_in &server, const char *host, const char *aut
     char block[kReceiveSize];
     std::span<char> buffer(block);
     HeapBlock<char> request;
-    timeval remaining = timings.writable;
-    const int ready = WaitForSocket(sock.get(), POLLOUT, &remaining);
-    if (ready == 0) {
-        TQ_LOG_FOR(kSend, "select([%s], %d) timeout\n", shownPath, sock.get());
-    } else if (ready < 0) {
-        TQ_LOG_FOR(kSend, "select([%s], %d, %d.%06d sec) error : %s\n", shownPath, sock.get(),
-                   static_cast<int>(remaining.tv_sec), static_cast<int>(remaining.tv_usec),
-                   strerror(errno));
+    const int ready = WaitForRoom(sock.get(), shownPath, timings.writable);
+    if (ready < 0) {
         answer.Fail();
-    } else {
-        request = BuildRequest(command, host, port, path ? path : "/", authorization);
+    } else if (ready > 0) {
+        request =
+            BuildRequest(command, host, ntohs(server.sin_port), path ? path : "/", authorization);
         if (!request) {
             TQ_LOG_FOR(kSend, "malloc pAddDatabuf failed!\n");
             if (command.method == HTTP_CMD_POST) {

@@ -112,7 +112,7 @@ int main(int argc, char **argv) {
         TQ_Client(options.device.OrNull(), options.filter.OrNull());
         return 0;
     }
-    // A unit serves on when nobody reads its messages any more.
+    // A unit serves on when the reader of its messages has gone.
     signal(SIGPIPE, SIG_IGN);
     TQ_LOG("Start TQ in daemon mode\n");
     fflush(stdout);

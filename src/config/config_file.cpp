@@ -49,6 +49,7 @@ int TQ_ParsetCfg(TQ_Cfg *cfg) {
     if (!cfg->pCfgFile) {
         return -1;
     }
+    // Read once, at the start, and possibly from a pipe on purpose: one that is waited for.
     const UniqueFile file = OpenFile(cfg->pCfgFile, "r");
     if (!file) {
         TQ_LOG("fopen(%s) error : %s\n", cfg->pCfgFile, strerror(errno));

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <span>
 
-#include "common/in_place_edit.h"
 #include "common/text.h"
+#include "config/in_place_edit.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/in_place_edit.h"
+#include "config/in_place_edit.h"
 #include "unit/interfaces.h"
 
 static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", false, false};

@@ -5,7 +5,6 @@
 #include "common/base64.h"
 #include "common/buffer.h"
 #include "common/heap.h"
-#include "common/in_place_edit.h"
 #include "common/pause.h"
 #include "common/socket.h"
 #include "common/text.h"

@@ -1,4 +1,4 @@
-#include "common/in_place_edit.h"
+#include "config/in_place_edit.h"
 
 #include <unistd.h>
 

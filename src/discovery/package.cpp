@@ -68,19 +68,36 @@ size_t WriteUnitText(int type, const UnitInfo &info, char *out) {
     return length;
 }
 
-// Writes the text of a package and returns its length with the zero byte; 0 when there is none.
-static size_t WritePackageText(int type, const UnitInfo &own, const UnitInfo *info,
-                               char (&text)[kTextSize]) {
+// Inverts and encodes a package text. Returns the characters with the zero byte that ends them.
+static size_t EncodeText(char *text, size_t size, char *out) {
+    const int length = static_cast<int>(size);
+    COM_XorBuffer(text, length);
+    return static_cast<size_t>(COM_Base64Encode(out, text, length)) + 1;
+}
+
+size_t EncodeQuery(const char *model, char *out) {
+    char text[kTextSize];
+    const int length =
+        snprintf(text, sizeof text, "%s,%02d,%.*s", kMagic, static_cast<int>(TQ_PACKAGE_QUERY),
+                 static_cast<int>(sizeof(UnitInfo::model)), model);
+    return EncodeText(text, static_cast<size_t>(length) + 1, out);
+}
+
+size_t EncodeUnit(int type, const UnitInfo &info, char *out) {
+    char text[kTextSize];
+    return EncodeText(text, WriteUnitText(type, info, text), out);
+}
+
+// Encodes what a unit that is `own` says. Returns 0 when there is no such package.
+static size_t EncodeOwn(int type, const UnitInfo &own, const UnitInfo *info, char *out) {
     switch (type) {
         case TQ_PACKAGE_QUERY:
-            return static_cast<size_t>(snprintf(text, sizeof text, "%s,%02d,%.*s", kMagic, type,
-                                                static_cast<int>(sizeof own.model), own.model)) +
-                   1;
+            return EncodeQuery(own.model, out);
         case TQ_PACKAGE_UNIT_INFO:
-            return WriteUnitText(type, own, text);
+            return EncodeUnit(type, own, out);
         case TQ_PACKAGE_NETWORK_SETUP:
             if (info) {
-                return WriteUnitText(type, *info, text);
+                return EncodeUnit(type, *info, out);
             }
             TQ_LOG_UNNAMED("invalid pInfo for TQ_PACKAGE_NETWORK_SETUP pkg!\n");
             return 0;
@@ -93,15 +110,12 @@ static size_t WritePackageText(int type, const UnitInfo &own, const UnitInfo *in
 int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *info) {
     UnitInfo own{};
     COM_GetUnitInfo(&own, device);
-    char text[kTextSize];
-    const size_t size = WritePackageText(type, own, info, text);
     // A unit without an address on this interface has nothing to say on it.
-    if (size == 0 || strcmp(own.ip, kNoAddressText) == 0) {
+    if (EncodeOwn(type, own, info, out) == 0 || strcmp(own.ip, kNoAddressText) == 0) {
+        out[0] = '\0';
         return -1;
     }
-    const int length = static_cast<int>(size);
-    COM_XorBuffer(text, length);
-    return COM_Base64Encode(out, text, length) > 0 ? 0 : -1;
+    return 0;
 }
 
 static bool IsAcceptable(const char *token, FieldRule rule) {

@@ -29,6 +29,12 @@ int TQ_ParserPackage(const char *text, UnitInfo *record);
 // Bytes of the text of one record whose every field is full, zero byte included.
 inline constexpr size_t kUnitTextSize = sizeof "Moravelle,01" + offsetof(UnitInfo, mtu);
 
+// Encodes a package as it goes on the wire into `out` (kPackageSize bytes): a query in the name of
+// `model`, or a record of any other type exactly as it is, which needs no unit of this machine's
+// own. Returns its bytes, the zero byte included.
+size_t EncodeQuery(const char *model, char *out);
+size_t EncodeUnit(int type, const UnitInfo &info, char *out);
+
 // Writes the text of one record, not yet inverted, into `out` (kUnitTextSize bytes). Returns its
 // length with the zero byte that ends it.
 size_t WriteUnitText(int type, const UnitInfo &info, char *out);

@@ -46,6 +46,7 @@ constexpr size_t kIpHeaderSize = 20;
 constexpr size_t kUdpHeaderSize = 8;
 constexpr uint8_t kIpv4WithoutOptions = 0x45;
 constexpr uint8_t kTimeToLiveHops = 64;
+constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
 struct Payload {
     const void *data;
@@ -117,14 +118,14 @@ static int InterfaceIndex(int sock, const char *device) {
     return ioctl(sock, SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : 0;
 }
 
-// The Ethernet broadcast address on one interface.
-static sockaddr_ll BroadcastLink(int interface) {
+// A station of one interface's link.
+static sockaddr_ll Station(int interface, const uint8_t *mac) {
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
     link.sll_protocol = htons(ETH_P_IP);
     link.sll_ifindex = interface;
     link.sll_halen = ETH_ALEN;
-    memset(link.sll_addr, 0xFF, ETH_ALEN);
+    memcpy(link.sll_addr, mac, ETH_ALEN);
     return link;
 }
 
@@ -182,7 +183,7 @@ int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const vo
         return -1;
     }
     const Payload payload{data, static_cast<size_t>(size)};
-    const sockaddr_ll link = BroadcastLink(InterfaceIndex(sock->get(), device));
+    const sockaddr_ll link = Station(InterfaceIndex(sock->get(), device), kEveryStation);
     BindToInterface(sock->get(), link, device);
     const Datagram datagram({INADDR_ANY}, {INADDR_BROADCAST}, port, payload);
     if (!datagram.Send(sock->get(), link, MSG_NOSIGNAL)) {
@@ -195,6 +196,16 @@ int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const vo
         SendToSubnet(sock->get(), link, device, port, payload);
     }
     return 0;
+}
+
+int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, const void *data,
+                  size_t size) {
+    if (size > kBroadcastPayloadSize) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    const Datagram datagram({INADDR_ANY}, {INADDR_BROADCAST}, port, {data, size});
+    return datagram.Send(sock, Station(interface, mac), MSG_NOSIGNAL) ? 0 : -1;
 }
 
 int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size) {

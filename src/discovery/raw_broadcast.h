@@ -21,6 +21,12 @@ int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, in
 // milliseconds to close one, so what is sent together shares it.
 int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const void *data, int size);
 
+// Sends `size` bytes from and to a UDP port, from 0.0.0.0 to 255.255.255.255, through a packet
+// socket to one station of a link alone: `interface` is its index, `mac` 6 bytes. Prints nothing.
+// Returns 0, or -1 with errno set.
+int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, const void *data,
+                  size_t size);
+
 // Opens a UDP socket that receives on a port, on the address in *address (network order) or, when
 // that is 0, on any. Fills the rest of *address. Returns 0 or -1; a descriptor stored in *sock is
 // the caller's in both cases.

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/text.h"
 #include "net/http.h"
 #include "net/http_auth.h"

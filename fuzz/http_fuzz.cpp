@@ -1,6 +1,6 @@
 // One HTTP request over a real connection: the input gives the address, the request and every block
 // of the answers, those to the requests for a challenge included.
-#include "common/heap.h"
+#include "common/owners.h"
 #include "net/http.h"
 #include "support.h"
 

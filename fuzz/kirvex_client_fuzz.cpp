@@ -1,7 +1,7 @@
 // The KIRVEX client: each text of the input is a unit's reply (an empty one: the time is over).
 #include <sys/socket.h>
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/socket.h"
 #include "kirvex/client.h"
 #include "support.h"

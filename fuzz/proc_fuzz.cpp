@@ -5,7 +5,9 @@
 #include <csignal>
 #include <cstring>
 
-#include "common/heap.h"
+#include "common/address.h"
+#include "common/first_line.h"
+#include "common/owners.h"
 #include "config/process.h"
 #include "discovery/package.h"
 #include "frame/modes.h"

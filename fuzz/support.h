@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "common/unique_fd.h"
+#include "common/owners.h"
 
 using Input = FuzzedDataProvider;
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
+#include "common/clock.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
@@ -23,12 +23,6 @@ int COM_SetSocketTimeout(int sock, int seconds) {
         return -1;
     }
     return 0;
-}
-
-static int64_t MonotonicMicroseconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
 int WaitForSocket(int sock, short events, timeval *remaining) {

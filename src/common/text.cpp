@@ -1,6 +1,10 @@
 #include "common/text.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "frame/message.h"
@@ -69,4 +73,18 @@ const char *COM_GetStrBeforeNewLine(const char *text, const char *key, char *out
         out[room - 1] = '\0';
     }
     return value;
+}
+
+int ParseInt(const char *text) {
+    const long value = strtol(text, nullptr, 10);
+    return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+}
+
+HeapBlock<char> FormatText(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    char *text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    return HeapBlock<char>(length < 0 ? nullptr : text);
 }

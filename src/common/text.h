@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+#include "common/owners.h"
+
 struct MessageOrigin;
 
 // Copies a text into a field of `size` bytes, cut to size - 1 characters, always terminated.
@@ -33,3 +35,11 @@ const char *CopyQuotedValue(const char *text, const char *key, char *out, int si
 // carriage return of the whole rest, or, if there is none, at the first line feed. Returns a
 // pointer to the value in `text`; null when the key or the line end is missing.
 const char *COM_GetStrBeforeNewLine(const char *text, const char *key, char *out, int size);
+
+// The number that a text begins with, as atoi reads it: blanks, a sign, digits; 0 without digits.
+// One that an int can't hold gives the int nearest to it, whatever the width of long.
+int ParseInt(const char *text);
+
+// The text that printf makes of its arguments, in a block of its own; empty when there is no memory
+// for it.
+HeapBlock<char> FormatText(const char *format, ...) __attribute__((format(printf, 1, 2)));

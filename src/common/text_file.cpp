@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "common/unique_fd.h"
+#include "common/owners.h"
 
 TextFile::TextFile(const char *path) {
     UniqueFd descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));

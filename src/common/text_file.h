@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "common/unique_file.h"
+#include "common/owners.h"
 
 // A text file that is read line by line. A pipe in its place does not hold the reader until
 // somebody writes, and a file without an end ends after a million lines.

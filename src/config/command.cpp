@@ -10,8 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/heap.h"
-#include "common/unique_dir.h"
+#include "common/owners.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";

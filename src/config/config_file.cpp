@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/text.h"
-#include "common/unique_file.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/text.h"
-#include "common/unique_fd.h"
 
 InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
                          const MessageOrigin &origin)

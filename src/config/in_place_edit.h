@@ -1,7 +1,7 @@
 // The owner of one in-place edit of a text file.
 #pragma once
 
-#include "common/unique_file.h"
+#include "common/owners.h"
 #include "frame/message.h"
 
 // How an edit begins.

@@ -11,10 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/number.h"
-#include "common/unique_dir.h"
-#include "common/unique_fd.h"
-#include "common/unique_file.h"
+#include "common/owners.h"
+#include "common/text.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/address.h"
 #include "config/in_place_edit.h"
-#include "unit/interfaces.h"
 
 static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", false, false};
 static constexpr char kStanzaWord[] = "iface";

@@ -13,12 +13,12 @@
 #include <cstring>
 #include <ctime>
 
-#include "common/number.h"
+#include "common/first_line.h"
+#include "common/owners.h"
 #include "common/pause.h"
-#include "common/unique_dir.h"
+#include "common/text.h"
 #include "config/process.h"
 #include "frame/message.h"
-#include "unit/identity.h"
 
 static constexpr char kSource[] = "TQ";
 static constexpr size_t kRequestSize = 80;

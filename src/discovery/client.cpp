@@ -10,10 +10,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/address.h"
 #include "common/buffer.h"
-#include "common/heap.h"
+#include "common/clock.h"
+#include "common/owners.h"
 #include "common/socket.h"
-#include "common/unique_fd.h"
 #include "discovery/package.h"
 #include "discovery/raw_broadcast.h"
 #include "frame/message.h"
@@ -105,12 +106,6 @@ static int ReceiveRecord(int sock, UnitInfo **list, int count, const char *filte
     return AppendRecord(list, count, record) ? 1 : 0;
 }
 
-static time_t MonotonicSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-
 // Without the right to a queue of any length, as long a one as the system allows has to do.
 static void LengthenQueue(int sock) {
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &kReplyQueueSize, sizeof kReplyQueueSize) ==
@@ -131,7 +126,7 @@ int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, ui
     // Counted over both queries: the first listens until the last empty wait, the second is sent
     // for whoever listens next, which is the second collection.
     int emptyWaits = 0;
-    const time_t end = MonotonicSeconds() + kLongestCollection;
+    const int64_t end = MonotonicSeconds() + kLongestCollection;
     for (int query = 0; query < kQueries; ++query) {
         TQ_SendPackage(device, TQ_PACKAGE_QUERY, TQ_SERVER_PORT);
         while (emptyWaits < kEmptyWaits) {

@@ -6,13 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/address.h"
 #include "common/base64.h"
 #include "common/buffer.h"
-#include "common/heap.h"
-#include "common/number.h"
+#include "common/owners.h"
 #include "common/text.h"
 #include "frame/message.h"
-#include "unit/interfaces.h"
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "TQ";

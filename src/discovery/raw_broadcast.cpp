@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/socket.h"
 #include "common/text.h"
-#include "common/unique_fd.h"
 #include "common/wire.h"
 #include "frame/message.h"
 #include "unit/net_info.h"

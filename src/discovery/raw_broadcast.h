@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/unique_fd.h"
+#include "common/owners.h"
 
 // The largest payload of a broadcast.
 inline constexpr int kBroadcastPayloadSize = 1500;

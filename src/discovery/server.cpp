@@ -10,10 +10,9 @@
 
 #include "common/base64.h"
 #include "common/buffer.h"
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
-#include "common/unique_fd.h"
 #include "config/network_setup.h"
 #include "config/process.h"
 #include "discovery/client.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "common/heap.h"
+#include "common/owners.h"
 
 int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
     size_t size = 256;

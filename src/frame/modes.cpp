@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstring>
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/text.h"
 #include "common/text_file.h"
 #include "discovery/client.h"

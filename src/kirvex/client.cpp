@@ -12,10 +12,10 @@
 
 #include "common/base64.h"
 #include "common/buffer.h"
+#include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
 #include "common/text.h"
-#include "common/unique_fd.h"
 #include "kirvex/endpoint.h"
 #include "kirvex/web_session.h"
 #include "unit/net_info.h"

@@ -3,23 +3,17 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/wire.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "KIRVEX";
 
 uint32_t ReadInteger(const uint8_t *packet, KirvexField field) {
-    uint32_t value = 0;
-    for (size_t i = field.size; i > 0; --i) {
-        value = value << 8 | packet[field.offset + i - 1];
-    }
-    return value;
+    return ReadLittleEndian(packet + field.offset, field.size);
 }
 
 void WriteInteger(uint8_t *packet, KirvexField field, uint32_t value) {
-    for (size_t i = 0; i < field.size; ++i) {
-        packet[field.offset + i] = static_cast<uint8_t>(value);
-        value >>= 8;
-    }
+    WriteLittleEndian(packet + field.offset, field.size, value);
 }
 
 void WriteText(uint8_t *packet, KirvexField field, const char *text) {

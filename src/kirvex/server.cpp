@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/socket.h"
-#include "common/unique_fd.h"
 #include "config/process.h"
 #include "kirvex/account.h"
 #include "kirvex/endpoint.h"

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/text.h"
 #include "net/http.h"
 #include "net/http_auth.h"

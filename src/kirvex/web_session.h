@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/number.h"
+#include "common/text.h"
 #include "frame/message.h"
 
 inline constexpr char kWebServerHost[] = "127.0.0.1";

@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/socket.h"
 #include "common/text.h"
 #include "common/text_file.h"
-#include "common/unique_fd.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "DNS";

@@ -13,13 +13,11 @@
 #include <cstring>
 #include <span>
 
-#include "common/format.h"
-#include "common/heap.h"
+#include "common/clock.h"
 #include "common/identification.h"
-#include "common/number.h"
+#include "common/owners.h"
 #include "common/pause.h"
 #include "common/text.h"
-#include "common/unique_fd.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
@@ -188,16 +186,10 @@ int Answer::Finish() {
     return stored_;
 }
 
-static time_t MonotonicSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-
 // Sends the text, also in pieces where signals interrupt, but none after `seconds`. Returns false
 // with errno set on failure.
 static bool SendText(int sock, std::span<const char> text, int seconds) {
-    const time_t end = MonotonicSeconds() + seconds;
+    const int64_t end = MonotonicSeconds() + seconds;
     do {
         const ssize_t sent = send(sock, text.data(), text.size(), MSG_NOSIGNAL);
         if (sent < 0) {

@@ -9,7 +9,7 @@
 #include <ctime>
 
 #include "common/base64.h"
-#include "common/heap.h"
+#include "common/owners.h"
 #include "frame/message.h"
 #include "net/http.h"
 

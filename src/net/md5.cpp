@@ -2,6 +2,9 @@
 
 #include <bit>
 #include <cstring>
+#include <iterator>
+
+#include "common/wire.h"
 
 static constexpr size_t kBlockSize = 64;
 static constexpr size_t kBlockWords = kBlockSize / sizeof(uint32_t);
@@ -37,16 +40,8 @@ static constexpr RoundPlan kPlans[4] = {{0, 1, {7, 12, 17, 22}},
                                         {5, 3, {4, 11, 16, 23}},
                                         {0, 7, {6, 10, 15, 21}}};
 
-static uint32_t ReadLittleEndian(const uint8_t *bytes) {
-    return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
-           uint32_t{bytes[3]} << 24;
-}
-
-static void WriteLittleEndian(uint8_t *bytes, uint32_t value) {
-    for (size_t i = 0; i < sizeof value; ++i) {
-        bytes[i] = static_cast<uint8_t>(value >> 8 * i);
-    }
-}
+// Words are little-endian.
+static constexpr size_t kWordSize = sizeof(uint32_t);
 
 template <size_t kRound, class Mix>
 static void RunRound(State &state, const uint32_t (&words)[kBlockWords], Mix mix) {
@@ -67,7 +62,7 @@ static void RunRound(State &state, const uint32_t (&words)[kBlockWords], Mix mix
 static void AddBlock(State &state, const uint8_t *block) {
     uint32_t words[kBlockWords];
     for (size_t i = 0; i < kBlockWords; ++i) {
-        words[i] = ReadLittleEndian(block + i * sizeof(uint32_t));
+        words[i] = ReadLittleEndian(block + i * kWordSize, kWordSize);
     }
     using Word = uint32_t;
     State next = state;
@@ -93,15 +88,15 @@ void COM_MakeMD5(uint8_t (&digest)[kMd5DigestSize], const void *bytes, size_t le
     tail[left] = 0x80;
     const size_t tailSize = left + 1 + kCountSize <= kBlockSize ? kBlockSize : 2 * kBlockSize;
     const uint64_t bits = uint64_t{length} * 8;
-    WriteLittleEndian(tail + tailSize - kCountSize, static_cast<uint32_t>(bits));
-    WriteLittleEndian(tail + tailSize - kCountSize / 2, static_cast<uint32_t>(bits >> 32));
+    WriteLittleEndian(tail + tailSize - kCountSize, kWordSize, static_cast<uint32_t>(bits));
+    WriteLittleEndian(tail + tailSize - kWordSize, kWordSize, static_cast<uint32_t>(bits >> 32));
     for (size_t i = 0; i < tailSize; i += kBlockSize) {
         AddBlock(state, tail + i);
     }
-    WriteLittleEndian(digest, state.a);
-    WriteLittleEndian(digest + 4, state.b);
-    WriteLittleEndian(digest + 8, state.c);
-    WriteLittleEndian(digest + 12, state.d);
+    const uint32_t words[] = {state.a, state.b, state.c, state.d};
+    for (size_t i = 0; i < std::size(words); ++i) {
+        WriteLittleEndian(digest + i * kWordSize, kWordSize, words[i]);
+    }
 }
 
 void COM_MakeStrMD5(char *out, const char *text) {

@@ -1,13 +1,10 @@
 #include "unit/interfaces.h"
 
-#include <arpa/inet.h>
-
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "common/number.h"
 #include "common/text.h"
 #include "common/text_file.h"
 #include "frame/message.h"
@@ -55,60 +52,4 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
         (*list)[count++] = NameFromLine(line, colon);
     }
     return count;
-}
-
-bool ParseDottedAddress(const char *text, in_addr *address) {
-    // What inet_aton takes: octal, decimal and hexadecimal numbers.
-    const char *rest = text + strspn(text, "0123456789abcdefABCDEFxX.");
-    return rest[strspn(rest, " \t\v\f\r\n")] == '\0' && inet_aton(text, address) != 0;
-}
-
-// The mask of a prefix length, in the machine's own byte order: on the big-endian board 24 gives
-// 0.255.255.255, and nothing there uses the prefix form.
-static uint32_t MaskOfPrefix(int length) {
-    return length == 0 ? 0 : UINT32_MAX >> (32 - length);
-}
-
-static void ParseMask(const char *token, uint32_t *mask) {
-    static constexpr char kFunction[] = "COM_ConvertNetworkAddr";
-    if (strchr(token, '.')) {
-        in_addr dotted;
-        if (inet_aton(token, &dotted)) {
-            *mask = dotted.s_addr;
-        } else {
-            TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "[%s] is not a valid netmask\n", token);
-        }
-        return;
-    }
-    const int length = ParseInt(token);
-    if (length >= 0 && length <= 32) {
-        *mask = MaskOfPrefix(length);
-    } else {
-        TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "offset : (%s, %d) : isn't resonable\n",
-                   token, length);
-    }
-}
-
-int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask) {
-    static constexpr char kDelimiters[] = "/ \r\n";
-    *address = 0;
-    *mask = UINT32_MAX;
-    char buffer[256];
-    CopyText(buffer, text);
-    in_addr dotted;
-    char *rest = nullptr;
-    const char *token = strtok_r(buffer, kDelimiters, &rest);
-    if (!token) {
-        return -1;
-    }
-    if (!inet_aton(token, &dotted)) {
-        TQ_LOG_UNNAMED("[%s][%s] is not a valid ip address\n", text, token);
-        return -1;
-    }
-    *address = dotted.s_addr;
-    token = strtok_r(nullptr, kDelimiters, &rest);
-    if (token) {
-        ParseMask(token, mask);
-    }
-    return 0;
 }

@@ -1,9 +1,5 @@
-// The machine's network interfaces, and addresses written as text.
+// The machine's network interfaces.
 #pragma once
-
-#include <netinet/in.h>
-
-#include <cstdint>
 
 // One slot of an interface list: a name, zero-terminated.
 struct NetDeviceName {
@@ -17,12 +13,3 @@ int COM_GetAllNetDevice(NetDeviceName **list);
 // The same from a file in the format of "/proc/net/dev". Only letters and digits of a name are
 // kept.
 int COM_GetDeviceFromProc(NetDeviceName **list, const char *path);
-
-// Reads a dotted address as inet_aton does, but refuses one that is followed by more than blanks:
-// inet_aton ignores what stands there, and in a file that scripts read it would be a command.
-bool ParseDottedAddress(const char *text, in_addr *address);
-
-// Reads "address", "address/netmask" or "address/prefix length" into values of network order. A
-// prefix length n gives the mask whose n low-order bits are set in the machine's own byte order.
-// Returns 0, or -1 when the address is not valid; a mask that is not valid leaves all ones.
-int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask);

@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/text.h"
 #include "common/text_file.h"
-#include "common/unique_fd.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";

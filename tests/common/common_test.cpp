@@ -4,7 +4,7 @@
 
 #include "common/base64.h"
 #include "common/buffer.h"
-#include "common/heap.h"
+#include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
 #include "common/text.h"

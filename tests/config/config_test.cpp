@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "common/unique_file.h"
+#include "common/owners.h"
 #include "config/command.h"
 #include "config/config_file.h"
 #include "config/line_editor.h"

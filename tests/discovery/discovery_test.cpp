@@ -5,8 +5,8 @@
 
 #include "common/base64.h"
 #include "common/buffer.h"
+#include "common/owners.h"
 #include "common/socket.h"
-#include "common/unique_fd.h"
 #include "discovery/client.h"
 #include "discovery/package.h"
 #include "discovery/raw_broadcast.h"

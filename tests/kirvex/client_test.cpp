@@ -1,6 +1,6 @@
 #include "kirvex/client.h"
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "kirvex/bench.h"
 #include "kirvex/packet.h"
 

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "common/heap.h"
+#include "common/owners.h"
 #include "support/peers.h"
 
 // What a call returned, left in its buffer, printed, and took.

@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/owners.h"
 #include "common/socket.h"
-#include "common/unique_fd.h"
 #include "support/files.h"
 
 using std::string_literals::operator""s;

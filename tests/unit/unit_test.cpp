@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "common/address.h"
+#include "common/first_line.h"
 #include "support/files.h"
 #include "unit/identity.h"
 #include "unit/interfaces.h"

@@ -5,7 +5,7 @@
 #include <array>
 
 #include "common/base64.h"
-#include "discovery/package.h"
+#include "discovery/announce.h"
 #include "discovery/raw_broadcast.h"
 #include "net/md5.h"
 
@@ -29,7 +29,7 @@ void CountBytes(benchmark::State &state) {
 }
 
 void PackageBuild(benchmark::State &state) {
-    char text[kPackageSize];
+    char text[discovery::kPackageSize];
     for (auto _ : state) {
         if (TQ_CreatePackage("eth0", TQ_PACKAGE_UNIT_INFO, text, nullptr) != 0) {
             state.SkipWithError("eth0 has no address");
@@ -39,7 +39,7 @@ void PackageBuild(benchmark::State &state) {
 }
 
 void PackageParse(benchmark::State &state) {
-    char text[kPackageSize];
+    char text[discovery::kPackageSize];
     const UnitInfo unit = {"QVR-7140-16T", "NVR",         "hall",
                            "192.168.1.21", "80",          "255.255.0.0",
                            "192.168.1.1",  "192.168.1.2", "02:00:5E:00:00:02",

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "common/base64.h"
+#include "discovery/announce.h"
 #include "discovery/client.h"
-#include "discovery/package.h"
 #include "discovery/server.h"
 #include "support.h"
 

@@ -1,5 +1,6 @@
 // The native server, network setup allowed: each text of the input is a datagram or, behind "@",
 // what a TCP client sends. Nobody answers the discoveries.
+#include "discovery/announce.h"
 #include "discovery/client.h"
 #include "discovery/server.h"
 #include "support.h"

@@ -3,7 +3,7 @@
 // that its field cuts it need not be one any more.
 #include <cstring>
 
-#include "discovery/package.h"
+#include "discovery/announce.h"
 #include "support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -13,8 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Require(type >= -1 && type <= TQ_PACKAGE_NETWORK_SETUP);
     COM_ShowAllUnitInfo(1, &record);
     if (type == TQ_PACKAGE_UNIT_INFO) {
-        char text[kUnitTextSize];
-        const size_t length = WriteUnitText(type, record, text);
+        char text[discovery::kUnitTextSize];
+        const size_t length = discovery::WriteUnitText(TQ_PACKAGE_UNIT_INFO, record, text);
         Require(length <= sizeof text && text[length - 1] == '\0');
         UnitInfo again{};
         const bool maybeCut = strlen(record.ip) == sizeof record.ip - 1 ||

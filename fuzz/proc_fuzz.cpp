@@ -9,7 +9,7 @@
 #include "common/first_line.h"
 #include "common/owners.h"
 #include "config/process.h"
-#include "discovery/package.h"
+#include "discovery/announce.h"
 #include "frame/modes.h"
 #include "support.h"
 #include "unit/interfaces.h"
@@ -57,7 +57,7 @@ static void ReadIdentity(Input &input) {
     for (int i = 0; i < 2; ++i) {
         COM_GetUnitInfo(&record, "eth0");
     }
-    char package[kPackageSize];
+    char package[discovery::kPackageSize];
     for (int type = -1; type <= TQ_PACKAGE_NETWORK_SETUP; ++type) {
         TQ_CreatePackage("eth0", type, package, &record);
     }

@@ -24,5 +24,5 @@ int COM_Base64Encode(char *out, const void *in, int length);
 int COM_Base64Decode(void *out, const char *text);
 
 // The same for a text of at most `textSize` characters and at most `outSize` decoded bytes;
-// decoding stops where either ends.
+// decoding stops where either ends. `out` may be where the text stands.
 int DecodeBase64(void *out, size_t outSize, const char *text, size_t textSize);

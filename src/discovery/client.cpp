@@ -15,11 +15,10 @@
 #include "common/clock.h"
 #include "common/owners.h"
 #include "common/socket.h"
-#include "discovery/package.h"
-#include "discovery/raw_broadcast.h"
+#include "discovery/announce.h"
+#include "discovery/receiver.h"
 #include "frame/message.h"
 #include "unit/interfaces.h"
-#include "unit/net_info.h"
 
 static constexpr char kSource[] = "TQ";
 static constexpr timeval kWait{0, 200000};
@@ -35,40 +34,6 @@ static constexpr time_t kLongestCollection = 30;  // seconds
 // A crowd of units answers all at once, while the query's own socket is still being closed; what
 // the kernel's usual queue of some 200 datagrams has no room for is lost.
 static constexpr int kReplyQueueSize = 4 << 20;
-
-static constexpr char kEthernetPrefix[] = "eth";
-
-static void SendPackageOn(UniqueFd *sock, const char *device, int type, uint16_t port,
-                          char *package) {
-    package[0] = '\0';
-    if (TQ_CreatePackage(device, type, package, nullptr) == 0) {
-        BroadcastThrough(sock, device, port, package, static_cast<int>(strlen(package)) + 1);
-    }
-}
-
-void TQ_SendPackage(const char *device, int type, uint16_t port) {
-    const HeapBlock<char> package = ZeroedBlock(kPackageSize);
-    if (!package) {
-        return;
-    }
-    UniqueFd sock;
-    if (device) {
-        SendPackageOn(&sock, device, type, port, package.get());
-        return;
-    }
-    NetDeviceName *names = nullptr;
-    const int count = COM_GetAllNetDevice(&names);
-    const HeapBlock<NetDeviceName> owner(names);
-    for (int i = count - 1; i >= 0; --i) {
-        if (strncmp(names[i].text, kEthernetPrefix, strlen(kEthernetPrefix)) == 0) {
-            SendPackageOn(&sock, names[i].text, type, port, package.get());
-        }
-    }
-    in_addr gateway;
-    if (COM_GetNetInfo(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
-        SendPackageOn(&sock, nullptr, type, port, package.get());
-    }
-}
 
 int TQ_Filter(const UnitInfo *record, const char *filter, uint32_t network) {
     if (filter && strcasecmp(record->proj, filter) != 0) {
@@ -92,14 +57,14 @@ int TQ_SortUnitInfo(const void *a, const void *b) {
 // Receives one datagram and appends its record when it is one to keep. Returns how many were.
 static int ReceiveRecord(int sock, UnitInfo **list, int count, const char *filter,
                          uint32_t network) {
-    char reply[kReplySize + 1];
-    const ssize_t length = recv(sock, reply, kReplySize, 0);
+    char reply[kReplySize];
+    const ssize_t length = recv(sock, reply, sizeof reply, 0);
     if (length < 0) {
         return 0;
     }
-    reply[length] = '\0';
     UnitInfo record{};
-    if (TQ_ParserPackage(reply, &record) != TQ_PACKAGE_UNIT_INFO ||
+    if (discovery::ParseReceived({reply, static_cast<size_t>(length)}, &record) !=
+            TQ_PACKAGE_UNIT_INFO ||
         !TQ_Filter(&record, filter, network)) {
         return 0;
     }

@@ -5,9 +5,6 @@
 
 #include "unit/unit_info.h"
 
-inline constexpr uint16_t TQ_SERVER_PORT = 6666;
-inline constexpr uint16_t TQ_CLIENT_PORT = 6667;
-
 // Runs one discovery, which takes 1.6 seconds. `device` is the interface to send on (null: all
 // whose names begin with "eth"), `filter` a project name, letter case ignored, or null, `network` a
 // network number in network order or 0. *list must be null on entry; it becomes a malloc array in
@@ -18,9 +15,6 @@ int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint3
 // One collection, half of a discovery: every record received that is one to keep, copies included.
 // Returns their number.
 int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, uint32_t network);
-
-// Builds a package and broadcasts it on the interface, or on all whose names begin with "eth".
-void TQ_SendPackage(const char *device, int type, uint16_t port);
 
 // 1 to keep the record, 0 to drop it.
 int TQ_Filter(const UnitInfo *record, const char *filter, uint32_t network);

@@ -1,9 +1,12 @@
 // The native protocol's package: comma-separated text that begins with "Moravelle" and a two-digit
-// type, ended by a zero byte, every byte inverted, in Base64.
+// type, ended by a zero byte, every byte inverted, in Base64. Bytes in, record out, and back; what
+// asks the kernel and prints is in discovery/announce.
 #pragma once
 
 #include <cstddef>
+#include <span>
 
+#include "common/base64.h"
 #include "unit/unit_info.h"
 
 enum TQ_PackageType : int {
@@ -13,28 +16,44 @@ enum TQ_PackageType : int {
     TQ_PACKAGE_NETWORK_SETUP = 3,  // new settings for the unit that its identity fields name
 };
 
-// Bytes of an encoded package's buffer, terminator included.
-inline constexpr size_t kPackageSize = 16384;
+namespace discovery {
 
-// Builds a package into `out` (kPackageSize bytes, zero-terminated Base64). `device` (null: "eth0")
-// is the interface whose addresses this unit reports; `info` is what a network setup carries. Lists
-// are not requested by this program: that type is refused like an unknown one. Returns 0; -1 when
-// nothing was built, as always while the interface has no address.
-int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *info);
-
-// Reads a zero-terminated Base64 text into a zeroed record. Returns the type, or -1; a package with
-// too few fields leaves "count/11" in the note.
-int TQ_ParserPackage(const char *text, UnitInfo *record);
+inline constexpr char kMagic[] = "Moravelle";
 
 // Bytes of the text of one record whose every field is full, zero byte included.
-inline constexpr size_t kUnitTextSize = sizeof "Moravelle,01" + offsetof(UnitInfo, mtu);
+inline constexpr size_t kUnitTextSize = sizeof kMagic + sizeof ",01" - 1 + offsetof(UnitInfo, mtu);
+
+// Bytes of the longest package that is built, terminator included.
+inline constexpr size_t kPackageSize = Base64TextSize(kUnitTextSize);
+
+// Writes the text of one record, not yet inverted, into `out` (kUnitTextSize bytes). Returns its
+// length with the zero byte that ends it.
+size_t WriteUnitText(TQ_PackageType type, const UnitInfo &record, char *out);
+
+// Inverts texts, each with its zero byte, in place, and encodes them into `out`
+// (Base64TextSize(texts.size()) bytes, terminated). Returns the number of characters.
+size_t EncodeTexts(std::span<char> texts, char *out);
 
 // Encodes a package as it goes on the wire into `out` (kPackageSize bytes): a query in the name of
 // `model`, or a record of any other type exactly as it is, which needs no unit of this machine's
 // own. Returns its bytes, the zero byte included.
 size_t EncodeQuery(const char *model, char *out);
-size_t EncodeUnit(int type, const UnitInfo &info, char *out);
+size_t EncodeUnit(TQ_PackageType type, const UnitInfo &record, char *out);
 
-// Writes the text of one record, not yet inverted, into `out` (kUnitTextSize bytes). Returns its
-// length with the zero byte that ends it.
-size_t WriteUnitText(int type, const UnitInfo &info, char *out);
+enum class PackageFault {
+    kNone,
+    kNoMagic,
+    kBadType,        // not one of the four, or -1: without a type, or with a field of a wrong form
+    kMissingFields,  // "count/11" stands in the record's note
+};
+
+struct DecodedPackage {
+    PackageFault fault;
+    int type;
+};
+
+// Reads a package, which ends with the span or its first zero byte, into a zeroed record; the bytes
+// are used up.
+[[nodiscard]] DecodedPackage DecodePackage(std::span<char> package, UnitInfo *record);
+
+}  // namespace discovery

@@ -3,6 +3,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -11,7 +12,6 @@
 #include <cstring>
 
 #include "common/owners.h"
-#include "common/socket.h"
 #include "common/text.h"
 #include "common/wire.h"
 #include "frame/message.h"
@@ -20,9 +20,6 @@
 static constexpr char kSource[] = "COMMON";
 
 static constexpr MessageOrigin kSenderOrigin{kSource, "COM_SendUDPBroadcast"};
-
-// The receiving socket is the main module's own, not the common library's.
-static constexpr MessageOrigin kSocketOrigin{"TQ", "TQ_CreateUDPBroadcastSocket"};
 
 namespace {
 
@@ -211,24 +208,4 @@ int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, co
 int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size) {
     UniqueFd sock;
     return BroadcastThrough(&sock, device, port, data, size);
-}
-
-int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address) {
-    *address = InternetAddress(address->sin_addr.s_addr, port);
-    *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (*sock == -1) {
-        TQ_LOG_FOR(kSocketOrigin, "socket() error : %s\n", strerror(errno));
-        return -1;
-    }
-    const int on = 1;
-    if (setsockopt(*sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1) {
-        TQ_LOG_FOR(kSocketOrigin, "setsockopt(SOL_SOCKET(%d), SO_REUSEADDR(%d)) error : %s\n",
-                   SOL_SOCKET, SO_REUSEADDR, strerror(errno));
-        return -1;
-    }
-    if (bind(*sock, AsSockaddr(*address), sizeof *address) == -1) {
-        TQ_LOG_FOR(kSocketOrigin, "bind() error : %s\n", strerror(errno));
-        return -1;
-    }
-    return 0;
 }

@@ -2,8 +2,6 @@
 // and handed to the link layer.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstddef>
 #include <cstdint>
 
@@ -26,11 +24,6 @@ int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const vo
 // Returns 0, or -1 with errno set.
 int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, const void *data,
                   size_t size);
-
-// Opens a UDP socket that receives on a port, on the address in *address (network order) or, when
-// that is 0, on any. Fills the rest of *address. Returns 0 or -1; a descriptor stored in *sock is
-// the caller's in both cases.
-int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address);
 
 // The Internet checksum (RFC 1071) of `length` bytes, ready to be stored big-endian. An odd last
 // byte counts as the high byte of a word whose low byte is 0.

@@ -15,9 +15,9 @@
 #include "common/socket.h"
 #include "config/network_setup.h"
 #include "config/process.h"
+#include "discovery/announce.h"
 #include "discovery/client.h"
-#include "discovery/package.h"
-#include "discovery/raw_broadcast.h"
+#include "discovery/receiver.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
@@ -28,6 +28,9 @@ static constexpr char kListDevice[] = "eth0";
 
 // How long a TCP client may keep the server waiting, for its request and again for its reading.
 static constexpr int kClientSeconds = 5;
+
+// The longest request that is read.
+static constexpr size_t kMessageSize = 16384;
 
 namespace {
 
@@ -51,6 +54,9 @@ class NativeServer {
     void ServeDatagram();
     void AnswerListRequest(const sockaddr_in &asker);
     void SetUpNetwork(const UnitInfo &package);
+    int Parse(ssize_t length, UnitInfo *package) {
+        return discovery::ParseReceived({message_, static_cast<size_t>(length)}, package);
+    }
 
     const char *device_;
     TQ_Cfg *cfg_;
@@ -61,7 +67,7 @@ class NativeServer {
     // that gets so far can match (of a unit with such files). A second one needs a restart, and
     // tools count on that.
     UnitInfo own_{};
-    char message_[kPackageSize + 1];
+    char message_[kMessageSize];
 };
 
 }  // namespace
@@ -117,19 +123,17 @@ static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own)
         return reply;
     }
     const size_t records = static_cast<size_t>(count) + 1;
-    const HeapBlock<char> texts = ZeroedBlock(records * kUnitTextSize);
+    const HeapBlock<char> texts = ZeroedBlock(records * discovery::kUnitTextSize);
     if (!texts) {
         return reply;
     }
     size_t length = 0;
     for (size_t i = 0; i < records; ++i) {
-        length += WriteUnitText(TQ_PACKAGE_UNIT_INFO, (*list)[i], texts.get() + length);
+        length += discovery::WriteUnitText(TQ_PACKAGE_UNIT_INFO, (*list)[i], texts.get() + length);
     }
-    COM_XorBuffer(texts.get(), static_cast<int>(length));
     reply.text = ZeroedBlock(Base64TextSize(length));
     if (reply.text) {
-        reply.length = static_cast<size_t>(
-            COM_Base64Encode(reply.text.get(), texts.get(), static_cast<int>(length)));
+        reply.length = discovery::EncodeTexts({texts.get(), length}, reply.text.get());
     }
     return reply;
 }
@@ -193,16 +197,15 @@ bool NativeServer::ServeConnection() {
         return false;
     }
     COM_SetSocketTimeout(connection.get(), kClientSeconds);
-    const ssize_t length = recv(connection.get(), message_, kPackageSize, MSG_NOSIGNAL);
+    const ssize_t length = recv(connection.get(), message_, sizeof message_, MSG_NOSIGNAL);
     if (length < 0) {
         TQ_LOG_FOR(kOrigin, "recv() error : %s\n", strerror(errno));
     }
     if (length < 1) {
         return true;
     }
-    message_[length] = '\0';
     UnitInfo request{};
-    if (TQ_ParserPackage(message_, &request) == TQ_PACKAGE_LIST_REQUEST) {
+    if (Parse(length, &request) == TQ_PACKAGE_LIST_REQUEST) {
         AnswerListRequest(connection.get());
     }
     return true;
@@ -241,15 +244,14 @@ void NativeServer::SetUpNetwork(const UnitInfo &package) {
 void NativeServer::ServeDatagram() {
     sockaddr_in asker{};
     socklen_t size = sizeof asker;
-    const ssize_t length = recvfrom(udp_.get(), message_, kPackageSize, MSG_NOSIGNAL,
+    const ssize_t length = recvfrom(udp_.get(), message_, sizeof message_, MSG_NOSIGNAL,
                                     reinterpret_cast<sockaddr *>(&asker), &size);
     if (length < 0) {
         TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %s\n", strerror(errno));
         return;
     }
-    message_[length] = '\0';
     UnitInfo package{};
-    switch (TQ_ParserPackage(message_, &package)) {
+    switch (Parse(length, &package)) {
         case TQ_PACKAGE_QUERY:
             TQ_SendPackage(device_, TQ_PACKAGE_UNIT_INFO, TQ_CLIENT_PORT);
             break;
@@ -293,13 +295,4 @@ int TQ_CheckUnitInfo(const UnitInfo *own, const UnitInfo *package) {
         }
     }
     return 0;
-}
-
-int TQ_SendNetworkSetupPkg(const char *device, uint16_t port, const UnitInfo *info) {
-    const HeapBlock<char> package = ZeroedBlock(kPackageSize);
-    if (!package || TQ_CreatePackage(device, TQ_PACKAGE_NETWORK_SETUP, package.get(), info) == -1) {
-        return -1;
-    }
-    return COM_SendUDPBroadcast(device, port, package.get(),
-                                static_cast<int>(strlen(package.get())) + 1);
 }

@@ -7,9 +7,10 @@
 #include "common/buffer.h"
 #include "common/owners.h"
 #include "common/socket.h"
+#include "discovery/announce.h"
 #include "discovery/client.h"
-#include "discovery/package.h"
 #include "discovery/raw_broadcast.h"
+#include "discovery/receiver.h"
 #include "discovery/server.h"
 #include "support/files.h"
 
@@ -54,14 +55,14 @@ TEST(Package, IsBuiltFromTheUnitsOwnRecord) {
         {-1, -1, nullptr, "", "Undefined type = -1\n"},
     };
     for (const auto &c : kCases) {
-        char package[kPackageSize] = "";
+        char package[discovery::kPackageSize] = "";
         const std::string output = OutputOf(
             [&] { EXPECT_EQ(c.result, TQ_CreatePackage("eth0", c.type, package, c.info)); });
         EXPECT_NE(std::string::npos, output.find(c.message)) << output;
         EXPECT_EQ(c.result == 0 ? Encode(c.text) : "", package);
     }
     EXPECT_EQ(36u, Encode("Moravelle,00,QVR-7140-16T").size());
-    char package[kPackageSize];
+    char package[discovery::kPackageSize];
     OutputOf([&] { EXPECT_EQ(-1, TQ_CreatePackage("none", 3, package, &target)); });
 }
 

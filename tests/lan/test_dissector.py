@@ -5,6 +5,7 @@ $TQ_SAMPLE names a file to keep the frames of the conversation in; docs/sample.p
 import base64
 import os
 import random
+import re
 import socket
 import struct
 import subprocess
@@ -151,3 +152,14 @@ def test_every_exchange_in_words(net, tmp_path):
     write_pcap(path, frames)
     for kept in (path, SAMPLE):  # who answers a broadcast first is chance
         assert sorted(conversation(kept)) == sorted(CONVERSATION)
+
+
+def test_every_byte_that_the_documents_show_is_in_the_sample():
+    frames = SAMPLE.read_bytes()
+    text = (lan.TOP / "docs/protocols.md").read_text()
+    shown = [bytes.fromhex(line) for line in re.findall(r"(?m)^    ((?:[0-9a-f]{2} )*[0-9a-f]{2})(?:   .*)?$", text)]
+    shown += [line.encode() for line in re.findall(r"(?m)^    ([\w+/]{30,}=*)$", text)]
+    shown += [line.encode() + b"\0" for line in re.findall(r"(?m)^    (Moravelle,.*)$", text)]
+    assert len(shown) > 30
+    assert not [data.hex(" ") for data in shown
+                if not any(form in frames for form in (data, base64.b64encode(data), scrambled(data)))]

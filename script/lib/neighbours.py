@@ -1,5 +1,9 @@
-"""TQ's two servers beside small daemons that do neighbouring work, and beside the floor: a loop that only
-receives and sends. Each answers one-shot queries for one service, one at a time, on a LAN of two hosts."""
+"""TQ's two servers beside small daemons that do neighbouring work, and beside two floors: a loop that only receives
+and sends, and one that also looks everything up. Each answers one-shot queries for one service, one at a time, on a
+LAN of two hosts.
+
+    neighbours.py [ROUNDS [WORD...]]    only the contenders whose titles hold one of the words
+"""
 import pathlib
 import shutil
 import statistics
@@ -15,7 +19,8 @@ sys.path.insert(0, str(TOP / "tests/support"))
 import lan  # noqa: E402
 from measure import anonymous_kb, cpu_microseconds, wire_times  # noqa: E402
 
-ROUNDS, TIMED, COUNTED = 3, 60, 300
+TIMED, COUNTED = 60, 300
+NATIVE, NAMED, SEARCH = "TQ, native query", "TQ -I eth0, native query", "TQ, KIRVEX search"
 PID = "/run/contender.pid"
 PAUSE = 0.03  # so that a server is at rest when a timed query comes
 ADDRESS = "192.168.1.21"
@@ -39,8 +44,8 @@ def start(host, command):
     host.run(f"{command} >/tmp/log 2>&1 & echo $! >{PID}", stdout=None)
 
 
-def start_tq(host):
-    host.start_tq()
+def start_tq(host, *arguments):
+    host.start_tq(*arguments)
     host.run(f"cp /var/run/TQ.pid {PID}")
 
 
@@ -79,9 +84,20 @@ def start_minissdpd(host):
              f"http://{ADDRESS}:80/unit.xml")
 
 
-def start_floor(host, port, *arguments):
+# What an answer says, from where the program takes it: each fact by the fewest calls that fetch it, once.
+SIOCGIFINDEX, SIOCGIFADDR, SIOCGIFNETMASK, SIOCGIFBRDADDR, SIOCGIFHWADDR, SIOCGIFMTU = (
+    "0x8933", "0x8915", "0x891b", "0x8919", "0x8927", "0x8921")
+NAMED_FACTS = ["/etc/Model", "/etc/Proj", "name", SIOCGIFADDR, "/etc/Port", SIOCGIFNETMASK, "/proc/net/route",
+               "/etc/resolv.conf", SIOCGIFHWADDR, "/etc/Note", SIOCGIFMTU, SIOCGIFINDEX, SIOCGIFBRDADDR]
+NATIVE_FACTS = ["/proc/net/dev", *NAMED_FACTS]
+SEARCH_FACTS = [SIOCGIFHWADDR, SIOCGIFADDR, "/etc/Port", SIOCGIFNETMASK, "/proc/net/route", "/etc/resolv.conf",
+                "/mtd1/interfaces"]
+
+
+def start_floor(host, port, device, facts, datagrams):
     shutil.copy(FLOOR, host.path("opt/floor"))
-    start(host, "exec /opt/floor " + " ".join([str(port), *arguments]))
+    start(host, " ".join(["exec /opt/floor", str(port), device, ",".join(facts) or "-",
+                          *(datagram.hex() for datagram in datagrams)]))
 
 
 FLOOR = None
@@ -89,10 +105,10 @@ FRAMES = {}  # what TQ's two servers sent in the first round, which the floor se
 
 
 class Contender:
-    def __init__(self, title, program, port, query, begin, answers=1, brand=3, source=None):
+    def __init__(self, title, program, port, query, begin, answers=1, brand=3, source=None, floor_of=""):
         self.title, self.program, self.port, self.query, self.begin = title, program, port, query, begin
-        self.answers, self.brand, self.source = answers, brand, source
-        self.times, self.costs, self.memory = [], [], 0
+        self.answers, self.brand, self.source, self.floor_of = answers, brand, source, floor_of
+        self.times, self.costs, self.memory, self.calls = [], [], 0, 0
 
     def round(self):
         with lan.Lan() as net:
@@ -117,7 +133,23 @@ class Contender:
                     self.exchange(client)
                 time.sleep(0.2)
                 self.costs.append((cpu_microseconds(host, PID) - before) / COUNTED)
-            self.memory = anonymous_kb(host, PID)
+                self.memory = anonymous_kb(host, PID)
+                self.calls = self.calls or self.count_calls(host, client)
+
+    def count_calls(self, host, client, count=10):
+        """System calls per answer."""
+        traced = [*host.nsenter, "sh", "-c", f"strace -o /tmp/calls -p $(cat {PID})"]
+        with subprocess.Popen(traced, stderr=subprocess.PIPE) as tracer:
+            tracer.stderr.readline()
+            for _ in range(count):
+                self.exchange(client)
+            time.sleep(0.2)
+            host.run("pkill strace")
+        return sum(" resumed>" not in line and line[:1].isalpha()
+                   for line in host.path("tmp/calls").read_text().splitlines()) / count
+
+    def is_tq(self):
+        return self.program == lan.CHOSEN.path
 
     def exchange(self, client):
         client.sendto(self.query, (ADDRESS, self.port))
@@ -157,31 +189,51 @@ class Contender:
 
 def contenders():
     program = lan.CHOSEN.path
-    native, kirvex = "TQ, native query", "TQ, KIRVEX search"
     search = lan.kirvex_request(lan.SEARCH)
+
+    def native(title, path, begin, **options):
+        return Contender(title, path, lan.SERVER_PORT, lan.QUERY, begin, 2, source=lan.CLIENT_PORT, **options)
+
+    def native_floor(title, facts, floor_of):
+        return native(title, FLOOR, lambda host: start_floor(host, lan.SERVER_PORT, "eth0", facts, FRAMES[floor_of]),
+                      floor_of=floor_of)
+
+    def search_floor(title, facts):
+        return Contender(title, FLOOR, lan.KIRVEX_PORT, search, lambda host: start_floor(
+            host, lan.KIRVEX_PORT, "-", facts, [FRAMES[SEARCH][0][28:]]), floor_of=SEARCH)
+
     return [
-        Contender(native, program, lan.SERVER_PORT, lan.QUERY, start_tq, 2, source=lan.CLIENT_PORT),
-        Contender("floor of the native query", FLOOR, lan.SERVER_PORT, lan.QUERY,
-                  lambda host: start_floor(host, lan.SERVER_PORT, "packet", "eth0",
-                                           *(frame.hex() for frame in FRAMES[native])), 2, source=lan.CLIENT_PORT),
-        Contender(kirvex, program, lan.KIRVEX_PORT, search, start_tq, brand=16),
-        Contender("floor of the KIRVEX search", FLOOR, lan.KIRVEX_PORT, search,
-                  lambda host: start_floor(host, lan.KIRVEX_PORT, "udp", FRAMES[kirvex][0][28:].hex())),
-        Contender("mdnsd, SRV query", "/usr/sbin/mdnsd", 5353, mdns_query("unit._http._tcp.local"), start_mdnsd),
-        Contender("avahi-daemon, SRV query", "/usr/sbin/avahi-daemon", 5353, mdns_query("unit._http._tcp.local"),
-                  start_avahi),
-        Contender("minissdpd, M-SEARCH", "/usr/sbin/minissdpd", 1900, SSDP_QUERY, start_minissdpd),
+        native(NATIVE, program, start_tq),
+        native_floor("floor that only sends", [], NATIVE),
+        native_floor("floor that looks everything up", NATIVE_FACTS, NATIVE),
+        native(NAMED, program, lambda host: start_tq(host, "-I", "eth0")),
+        native_floor("floor that looks everything up, -I", NAMED_FACTS, NAMED),
+        Contender(SEARCH, program, lan.KIRVEX_PORT, search, start_tq, brand=16),
+        search_floor("floor that only sends, KIRVEX", []),
+        search_floor("floor that looks everything up, KIRVEX", SEARCH_FACTS),
+        Contender("mdnsd", "/usr/sbin/mdnsd", 5353, mdns_query("unit._http._tcp.local"), start_mdnsd),
+        Contender("avahi-daemon", "/usr/sbin/avahi-daemon", 5353, mdns_query("unit._http._tcp.local"), start_avahi),
+        Contender("minissdpd", "/usr/sbin/minissdpd", 1900, SSDP_QUERY, start_minissdpd),
     ]
 
 
-def compare():
+def multiples(every, one):
+    """How many times another's median on the wire one takes, for those worth comparing with."""
+    others = [other for other, *_ in every if other.floor_of == one.title or not (other.floor_of or other.is_tq())]
+    return ", ".join(f"{statistics.median(one.times) / statistics.median(other.times):.2f} x {other.title}"
+                     for other in others)
+
+
+def compare(rounds, words):
     global FLOOR
-    print(f"Beside its neighbours: one query at a time, {ROUNDS} rounds of {TIMED} timed and {COUNTED} counted ones")
+    print(f"Beside its neighbours: one query at a time, {rounds} rounds of {TIMED} timed and {COUNTED} counted ones")
     with tempfile.TemporaryDirectory() as folder:
         FLOOR = folder + "/floor"
         subprocess.run(["cc", "-Os", "-o", FLOOR, TOP / "script/lib/floor.c"], check=True)
         every, absent = contenders(), set()
-        for _ in range(ROUNDS):
+        if words:
+            every = [one for one in every if any(word in one.title or word in one.floor_of for word in words)]
+        for _ in range(rounds):
             for one in every:
                 if one.title in absent:
                     continue
@@ -190,19 +242,16 @@ def compare():
                 except (AssertionError, OSError, subprocess.SubprocessError) as failure:
                     print(f"  {one.title}: no answer ({failure})", flush=True)
                     absent.add(one.title)
-        every = [one for one in every if one.title not in absent and one.times]
-        base = {key: one for one in every for key in ("native", "KIRVEX") if one.title.startswith("TQ") and key in one.title}
-        print(f"  {'':28} {'on the wire':>12} {'CPU':>9} {'anonymous':>10} {'stripped':>9}  libraries beyond C's;"
-              " time and CPU as multiples of TQ's native query and KIRVEX search")
-        for one in every:
-            size, libraries = one.size()
-            time_, cost = statistics.median(one.times), statistics.median(one.costs)
-            ratios = ", ".join(f"{time_ / statistics.median(tq.times):.2f} / {cost / statistics.median(tq.costs):.2f}"
-                               for tq in base.values())
-            print(f"  {one.title:28} {time_:9.0f} us {cost:6.0f} us {one.memory:7} kB {size:9}  "
-                  f"{' '.join(libraries) or '-'}; {ratios}", flush=True)
+        every = [(one, *one.size()) for one in every if one.title not in absent and one.times]
+    print(f"  {'':39} {'on the wire':>12} {'CPU':>9} {'calls':>6} {'anonymous':>10} {'stripped':>9}  libraries beyond C's")
+    for one, size, libraries in every:
+        print(f"  {one.title:39} {statistics.median(one.times):9.0f} us {statistics.median(one.costs):6.0f} us "
+              f"{one.calls:6.1f} {one.memory:7} kB {size:9}  {' '.join(libraries) or '-'}", flush=True)
+    for one, *_ in every:
+        if one.is_tq():
+            print(f"  {one.title} takes {multiples(every, one)}", flush=True)
 
 
 if __name__ == "__main__":
     lan.enter()
-    compare()
+    compare(int(sys.argv[1]) if len(sys.argv) > 1 else 3, sys.argv[2:])

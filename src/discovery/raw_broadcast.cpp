@@ -126,13 +126,28 @@ static sockaddr_ll Station(int interface, const uint8_t *mac) {
     return link;
 }
 
+// The ends of a datagram inside the subnet of an interface. An address that was set without a
+// broadcast address, as BusyBox's ifup does, leaves the kernel without one to tell: it is then the
+// one that address and netmask make.
+static bool SubnetEnds(const char *device, in_addr *source, in_addr *destination) {
+    if (COM_GetNetInfo(NETINFO_BROADCAST_RAW, device, destination) == -1 ||
+        COM_GetNetInfo(NETINFO_IP_RAW, device, source) == -1) {
+        return false;
+    }
+    in_addr netmask;
+    if (destination->s_addr == INADDR_ANY &&
+        COM_GetNetInfo(NETINFO_NETMASK_RAW, device, &netmask) == 0) {
+        destination->s_addr = source->s_addr | ~netmask.s_addr;
+    }
+    return true;
+}
+
 // The second copy, for units in the same subnet whose stacks drop what comes from 0.0.0.0.
 static void SendToSubnet(int sock, const sockaddr_ll &link, const char *device, uint16_t port,
                          const Payload &payload) {
-    in_addr destination;
     in_addr source;
-    if (COM_GetNetInfo(NETINFO_BROADCAST_RAW, device, &destination) == -1 ||
-        COM_GetNetInfo(NETINFO_IP_RAW, device, &source) == -1) {
+    in_addr destination;
+    if (!SubnetEnds(device, &source, &destination)) {
         return;
     }
     if (!Datagram(source, destination, port, payload).Send(sock, link, 0)) {

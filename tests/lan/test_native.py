@@ -69,12 +69,16 @@ def test_client_lists_every_unit_once_and_filters_by_project(net):
 
 def test_replies_on_the_wire(net):
     units = street(net)
+    busybox = net.host("busybox", "192.168.1.26/24")  # whose ifup gives no broadcast address
+    lan.ip("address flush dev eth0", "address add 192.168.1.26/24 dev eth0", host=busybox)
+    units.append(busybox.start_tq())
     captures = {(u.name, n): lan.Capture(f"{u.name}.{n}") for u in units for n in range(len(u.macs))}
     net.desk.ask()
     for (name, number, source, broadcast) in (
             ("plain", 0, "192.168.1.21", "192.168.1.255"), ("foreign", 0, "10.77.5.9", "10.77.5.255"),
             ("wide", 0, "192.168.77.3", "192.168.255.255"), ("nogate", 0, "192.168.1.24", "192.168.1.255"),
-            ("double", 0, "192.168.1.25", "192.168.1.255"), ("double", 1, "10.1.0.25", "10.1.0.255")):
+            ("busybox", 0, "192.168.1.26", "192.168.1.255"), ("double", 0, "192.168.1.25", "192.168.1.255"),
+            ("double", 1, "10.1.0.25", "10.1.0.255")):
         host = next(u for u in units if u.name == name)
         sent = captures[name, number].datagrams()
         assert len(sent) == 2, (name, sent)

@@ -8,12 +8,28 @@
 
 static constexpr int kDefaultTriggerPort = 80;
 
-int COM_GetModelName(char *buf, int length, int room) {
-    return COM_GetFileContent("/etc/Model", buf, length, room);
+int unit::AppendModelName(char *buf, int length, int room) {
+    return AppendFirstLine("/etc/Model", buf, length, room);
 }
 
-int COM_GetProjName(char *buf, int length, int room) {
-    return COM_GetFileContent("/etc/Proj", buf, length, room);
+int unit::AppendProjName(char *buf, int length, int room) {
+    return AppendFirstLine("/etc/Proj", buf, length, room);
+}
+
+int unit::AppendTriggerPort(char *buf, int length, int room) {
+    const int result = AppendFirstLine("/etc/Port", buf, length, room);
+    if (result == -1 && buf && length > 0) {
+        snprintf(buf, static_cast<size_t>(length), "%d", kDefaultTriggerPort);
+    }
+    return result;
+}
+
+int COM_GetModelName(char *buf, int length) {
+    return unit::AppendModelName(buf, length, length);
+}
+
+int COM_GetProjName(char *buf, int length) {
+    return unit::AppendProjName(buf, length, length);
 }
 
 int COM_GetUnitName(char *buf, int length) {
@@ -24,15 +40,11 @@ int COM_GetUnitName(char *buf, int length) {
     return result;
 }
 
-int COM_GetNote(char *buf, int length, int room) {
-    COM_GetFileContent("/etc/Note", buf, length, room);
+int COM_GetNote(char *buf, int length) {
+    COM_GetFileContent("/etc/Note", buf, length);
     return 0;
 }
 
-int COM_GetTriggerPort(char *buf, int length, int room) {
-    const int result = COM_GetFileContent("/etc/Port", buf, length, room);
-    if (result == -1 && buf && length > 0) {
-        snprintf(buf, static_cast<size_t>(length), "%d", kDefaultTriggerPort);
-    }
-    return result;
+int COM_GetTriggerPort(char *buf, int length) {
+    return unit::AppendTriggerPort(buf, length, length);
 }

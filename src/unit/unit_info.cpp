@@ -17,12 +17,13 @@ int COM_GetUnitInfo(UnitInfo *record, const char *device) {
     CopyText(record->dev, name);
     int result = 0;
     result +=
-        COM_GetModelName(record->model, sizeof record->model, RoomFrom(record, record->model));
-    result += COM_GetProjName(record->proj, sizeof record->proj, RoomFrom(record, record->proj));
+        unit::AppendModelName(record->model, sizeof record->model, RoomFrom(record, record->model));
+    result +=
+        unit::AppendProjName(record->proj, sizeof record->proj, RoomFrom(record, record->proj));
     result += COM_GetUnitName(record->name, sizeof record->name);
     result += COM_GetNetInfo(NETINFO_IP_STR, name, record->ip);
-    result += COM_GetTriggerPort(record->trigger_port, sizeof record->trigger_port,
-                                 RoomFrom(record, record->trigger_port));
+    result += unit::AppendTriggerPort(record->trigger_port, sizeof record->trigger_port,
+                                      RoomFrom(record, record->trigger_port));
     result += COM_GetNetInfo(NETINFO_NETMASK_STR, name, record->netmask);
     result += COM_GetNetInfo(NETINFO_GATEWAY_STR, name, record->gateway);
     result += COM_GetNetInfo(NETINFO_DNS1_STR, name, record->dns);

@@ -10,13 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/base64.h"
 #include "common/buffer.h"
 #include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
 #include "common/text.h"
 #include "kirvex/endpoint.h"
+#include "kirvex/request.h"
 #include "kirvex/web_session.h"
 #include "unit/net_info.h"
 
@@ -135,9 +135,8 @@ static UnitInfo DescribeUnit(const uint8_t *packet) {
 
 int KIRVEX_DevSearch(const char *device, UnitInfo **list) {
     const MessageOrigin origin{kSource, __func__};
-    uint8_t request[kx::kHeaderSize] = {};
-    WriteHeader(request, sizeof request, kx::kRequestIdentifier, kx::kDevSearch, kx::kReadMode);
-    memset(request + kx::kMac.offset, 0xFF, kx::kMac.size);
+    uint8_t request[kx::kHeaderSize];
+    kx::WriteSearch(request, sizeof request);
     UniqueFd sock;
     if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), true, origin)) {
         return 0;
@@ -156,39 +155,36 @@ int KIRVEX_DevSearch(const char *device, UnitInfo **list) {
     return count;
 }
 
-static void WriteAddress(uint8_t *packet, KirvexField field, const char *text) {
+// The address of a text, 0 when it is none.
+static in_addr AddressOf(const char *text) {
     in_addr address;
-    if (inet_aton(text, &address) != 0) {
-        memcpy(packet + field.offset, &address, field.size);
-    }
+    return inet_aton(text, &address) != 0 ? address : in_addr{};
 }
 
-static void WriteMac(uint8_t *packet, const char *text) {
+static void ReadMacText(const char *text, uint8_t (&mac)[kx::kMac.size]) {
     char copy[sizeof(UnitInfo::mac)];
     CopyText(copy, text);
     char *rest = nullptr;
     const char *token = strtok_r(copy, " :-", &rest);
-    for (size_t i = 0; token && i < kx::kMac.size; ++i) {
-        packet[kx::kMac.offset + i] = static_cast<uint8_t>(strtoul(token, nullptr, 16));
+    for (size_t i = 0; token && i < sizeof mac; ++i) {
+        mac[i] = static_cast<uint8_t>(strtoul(token, nullptr, 16));
         token = strtok_r(nullptr, " :-", &rest);
     }
 }
 
-static void WriteSetRequest(uint8_t *request, in_addr target, const UnitInfo &unit) {
-    static constexpr char kAccount[] = "admin";
-    WriteHeader(request, kx::kSetRequestSize, kx::kRequestIdentifier, kx::kSetBasicInfo,
-                kx::kSetMode);
-    WriteMac(request, unit.mac);
-    memcpy(request + kx::kAddress.offset, &target, kx::kAddress.size);
-    char account[Base64TextSize(sizeof kAccount - 1)];
-    COM_Base64Encode(account, kAccount, sizeof kAccount - 1);
-    WriteText(request, {kx::kCredentials, kx::kCredentialSize}, account);
-    uint8_t *settings = request + kx::kRequestSettings;
-    WriteText(settings, kx::kCameraName, unit.name);
-    WriteAddress(settings, kx::kNewAddress, unit.ip);
-    WriteInteger(settings, kx::kWebPort, ReadWebServerPort().number());
-    WriteAddress(settings, kx::kNetmask, unit.netmask);
-    WriteAddress(settings, kx::kGateway, unit.gateway);
+static void WriteRequest(uint8_t *request, in_addr address, const UnitInfo &unit) {
+    kx::Target target{{}, address};
+    ReadMacText(unit.mac, target.mac);
+    const uint16_t webPort = static_cast<uint16_t>(ReadWebServerPort().number());
+    kx::WriteSetRequest(request, target, {"admin", ""},
+                        {unit.name,
+                         AddressOf(unit.ip),
+                         webPort,
+                         AddressOf(unit.netmask),
+                         AddressOf(unit.gateway),
+                         {},
+                         {},
+                         false});
 }
 
 static bool IsAcceptance(const ReceivedReply &reply, const MessageOrigin &origin) {
@@ -215,8 +211,8 @@ int KIRVEX_SetBasicInfo(const char *device, const char *target, const UnitInfo *
     if (inet_aton(target, &address) == 0) {
         return -1;
     }
-    uint8_t request[kx::kSetRequestSize] = {};
-    WriteSetRequest(request, address, *unit);
+    uint8_t request[kx::kSetRequestSize];
+    WriteRequest(request, address, *unit);
     UniqueFd sock;
     if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), false, origin) ||
         SendPacket(sock.get(), InternetAddress(address.s_addr, kx::kPort), request, sizeof request,

@@ -1,34 +1,44 @@
 #include "config/in_place_edit.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
-#include "common/owners.h"
 #include "common/text.h"
+
+TerminationHeld::TerminationHeld() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&ending, signal);
+    }
+    sigprocmask(SIG_BLOCK, &ending, &before_);
+}
+
+TerminationHeld::~TerminationHeld() {
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
 
 InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
                          const MessageOrigin &origin)
-    : path_(path), origin_(origin) {
+    : path_(path), rules_(rules), origin_(origin) {
     CopyText(temporary_, rules.temporaryFile);
-    UniqueFd created(mkstemp(temporary_));
-    if (!created) {
-        if (rules.reportCreation) {
-            TQ_LOG_FOR(origin_, "mkstemp() failed : %s\n", strerror(errno));
-        }
+    copy_.reset(mkostemp(temporary_, O_CLOEXEC));
+    if (!copy_) {
         temporary_[0] = '\0';
-    } else {
-        created.reset();
-        copy_ = OpenFile(temporary_, "w+");
-        if (!copy_) {
-            TQ_LOG_FOR(origin_, "fopen(%s) failed : %s\n", temporary_, strerror(errno));
+        if (!rules.goesOnWithoutCopy) {
+            return;
         }
+        TQ_LOG_FOR(origin_, "mkstemp() failed : %s\n", strerror(errno));
     }
-    original_ = OpenFile(path_, "r+");
-    if (!original_ && rules.createMissing && errno == ENOENT) {
-        original_ = OpenFile(path_, "w+");
+    original_ = OpenWithoutWaiting(path_, O_RDWR, "r+");
+    if (!original_ && rules.createsMissing && errno == ENOENT) {
+        original_ = OpenWithoutWaiting(path_, O_RDWR | O_CREAT | O_TRUNC, "w+");
     }
     if (!original_) {
         TQ_LOG_FOR(origin_, "fopen(%s) failed : %s\n", path_, strerror(errno));
@@ -36,45 +46,102 @@ InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
 }
 
 InPlaceEdit::~InPlaceEdit() {
-    Close();
+    copy_.reset();
+    original_.reset();
     if (temporary_[0] != '\0' && unlink(temporary_) == -1) {
         TQ_LOG_FOR(origin_, "unlink(%s) failed : %s\n", temporary_, strerror(errno));
     }
 }
 
-static bool WriteAll(int file, const char *bytes, size_t count) {
-    while (count > 0) {
-        const ssize_t written = write(file, bytes, count);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        bytes += written;
-        count -= static_cast<size_t>(written);
+size_t InPlaceEdit::ReadLine(char *line, size_t size) {
+    size_t length = 0;
+    int byte = 0;
+    while (length < size - 1 && byte != '\n' && (byte = getc(original_.get())) != EOF) {
+        line[length++] = static_cast<char>(byte);
     }
-    return true;
+    line[length] = '\0';
+    if (ferror(original_.get())) {
+        // Whoever took this for the end would cut the file to what could be read.
+        TQ_LOG_FOR(origin_, "fgets(%s) failed : %s\n", path_, strerror(errno));
+        readFailed_ = true;
+        return 0;
+    }
+    return length;
 }
 
-bool InPlaceEdit::CopyBack() {
-    // Past the streams' buffers, so that a full disk is noticed at the write that it refuses.
-    const int from = fileno(copy_.get());
-    const int to = fileno(original_.get());
-    if (!Flush() || lseek(from, 0, SEEK_SET) == -1 || lseek(to, 0, SEEK_SET) == -1) {
-        return false;
+// Returns how many bytes were written; errno is set when that are not all.
+static size_t WriteAll(int file, const char *bytes, size_t count) {
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t written = write(file, bytes + done, count - done);
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            break;
+        }
     }
+    return done;
+}
+
+void InPlaceEdit::ReportWrite(const char *line, size_t length) const {
+    TQ_LOG_FOR(origin_, "fprintf() %s : %s : %.*s", rules_.failed, strerror(errno),
+               static_cast<int>(length), line);
+}
+
+bool InPlaceEdit::WriteLine(const char *line, size_t length) {
+    if (WriteAll(copy(), line, length) == length) {
+        return true;
+    }
+    ReportWrite(line, length);
+    return false;
+}
+
+// The line of a text, with its line end, that holds the byte at `position`.
+static std::string_view LineAt(std::string_view text, size_t position) {
+    const size_t before = position == 0 ? text.npos : text.rfind('\n', position - 1);
+    const size_t start = before == text.npos ? 0 : before + 1;
+    const size_t end = text.find('\n', position);
+    return text.substr(start, end == text.npos ? end : end + 1 - start);
+}
+
+void InPlaceEdit::ReportCopyBack() const {
+    const int error = errno;
+    char text[256];
+    const off_t start = std::max<off_t>(0, length_ - static_cast<off_t>(sizeof text) / 2);
+    const ssize_t count = pread(copy(), text, sizeof text, start);
+    const std::string_view line = LineAt({text, static_cast<size_t>(std::max<ssize_t>(count, 0))},
+                                         static_cast<size_t>(length_ - start));
+    errno = error;
+    ReportWrite(line.data(), line.size());
+}
+
+bool InPlaceEdit::CopyBack(bool report) {
+    // Past the stream's buffer, so that a full disk is noticed at the write that it refuses.
+    const int file = fileno(original_.get());
+    bool good = lseek(copy(), 0, SEEK_SET) == 0 && lseek(file, 0, SEEK_SET) == 0;
     char block[4096];
     ssize_t count;
-    bool good = true;
-    while (good && (count = read(from, block, sizeof block)) != 0) {
-        good = count > 0 && WriteAll(to, block, static_cast<size_t>(count));
+    while (good && (count = read(copy(), block, sizeof block)) != 0) {
+        const size_t written = count > 0 ? WriteAll(file, block, static_cast<size_t>(count)) : 0;
+        length_ += static_cast<off_t>(written);
+        good = static_cast<ssize_t>(written) == count;
     }
-    length_ = static_cast<long>(lseek(to, 0, SEEK_CUR));
+    if (!good && report) {
+        ReportCopyBack();
+    }
     return good;
 }
 
-void InPlaceEdit::Close() {
-    copy_.reset();
-    original_.reset();
+bool InPlaceEdit::Cut() {
+    return (original_ ? ftruncate(fileno(original_.get()), length_) : truncate(path_, length_)) ==
+           0;
+}
+
+bool InPlaceEdit::Sync() {
+    // A file that no disk is behind can't be synchronized, and need not be.
+    if (fsync(fileno(original_.get())) == 0 || errno == EINVAL) {
+        return true;
+    }
+    TQ_LOG_FOR(origin_, "fsync(%s) error : %s\n", path_, strerror(errno));
+    return false;
 }

@@ -1,21 +1,42 @@
 // The owner of one in-place edit of a text file.
 #pragma once
 
+#include <sys/types.h>
+
+#include <csignal>
+#include <cstddef>
+
 #include "common/owners.h"
 #include "frame/message.h"
 
-// How an edit begins.
+// What differs between the editors.
 struct InPlaceEditRules {
     const char *temporaryFile;  // a mkstemp template
-    bool reportCreation;        // whether a failing mkstemp gets a message
-    bool createMissing;         // whether a file that is not there is created
+    const char *failed;         // how the message of a failed write spells that word
+    // Whether a failing mkstemp gets a message, and the file is opened all the same.
+    bool goesOnWithoutCopy;
+    bool createsMissing;  // whether a file that is not there is created
+};
+
+// Holds back the signals that end the program, as long as the object lives. A file that was left
+// half written would take the unit off the network at its next start.
+class TerminationHeld {
+  public:
+    TerminationHeld();
+    TerminationHeld(const TerminationHeld &) = delete;
+    TerminationHeld &operator=(const TerminationHeld &) = delete;
+    ~TerminationHeld();
+
+  private:
+    sigset_t before_;
 };
 
 // The file is read, its new text is written to a temporary file, and that is copied back over it,
 // so that the file keeps its inode, owner and mode. The temporary file goes with the object.
 class InPlaceEdit {
   public:
-    // `path` and `origin` must outlive the object; failures are reported in the name of `origin`.
+    // `path`, `rules` and `origin` must outlive the object; failures are reported in the name of
+    // `origin`.
     InPlaceEdit(const char *path, const InPlaceEditRules &rules, const MessageOrigin &origin);
     InPlaceEdit(const InPlaceEdit &) = delete;
     InPlaceEdit &operator=(const InPlaceEdit &) = delete;
@@ -23,28 +44,43 @@ class InPlaceEdit {
 
     explicit operator bool() const { return original_ && copy_; }
 
-    // Reads the next line, or size - 1 characters of it, as fgets does.
-    bool ReadLine(char *line, int size) { return fgets(line, size, original_.get()) != nullptr; }
+    // Reads the next line with its line end, or size - 1 bytes of it, and a terminator. A line may
+    // hold zero bytes. Returns its length; 0 at the end, and when the file can't be read, which
+    // ReadFailed tells.
+    [[nodiscard]] size_t ReadLine(char *line, size_t size);
+    bool ReadFailed() const { return readFailed_; }
 
-    // The stream that the new text goes to.
-    FILE *copy() { return copy_.get(); }
+    // The descriptor that the new text goes to.
+    int copy() const { return copy_.get(); }
 
-    // Whether all that was written to the copy has reached it.
-    bool Flush() { return fflush(copy_.get()) == 0; }
+    // Writes a line to the copy. Returns false, with a message that names it, when it can't be.
+    [[nodiscard]] bool WriteLine(const char *line, size_t length);
 
-    // Copies the new text over the file, from its start. Returns false when a read or write failed.
-    bool CopyBack();
+    // Copies the new text over the file, from its start. Returns false when a read or write failed;
+    // `report` says whether that gets a message.
+    [[nodiscard]] bool CopyBack(bool report);
+
+    // Cuts the file to what CopyBack has written. Returns false with errno set.
+    [[nodiscard]] bool Cut();
+
+    // Waits until the file's new text is on the disk, so that a power failure can't take it back.
+    // Returns false, with a message, when it did not get there.
+    [[nodiscard]] bool Sync();
 
     // The number of bytes that CopyBack has written.
-    long length() const { return length_; }
-
-    void Close();
+    off_t length() const { return length_; }
 
   private:
+    void ReportWrite(const char *line, size_t length) const;
+    void ReportCopyBack() const;
+
+    TerminationHeld held_;  // to the very end, when the temporary file is gone as well
     const char *path_;
+    const InPlaceEditRules &rules_;
     const MessageOrigin &origin_;
     char temporary_[32];
-    UniqueFile copy_;
+    UniqueFd copy_;
     UniqueFile original_;
-    long length_ = 0;
+    bool readFailed_ = false;
+    off_t length_ = 0;
 };

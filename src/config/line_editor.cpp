@@ -1,10 +1,10 @@
 #include "config/line_editor.h"
 
 #include <strings.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <span>
 
@@ -14,7 +14,7 @@
 
 static constexpr char kSource[] = "COMMON";
 static constexpr MessageOrigin kOrigin{kSource, "COM_ReplaceItemsInFile"};
-static constexpr InPlaceEditRules kRules{"/var/COM_XXXXXX", true, true};
+static constexpr InPlaceEditRules kRules{"/var/COM_XXXXXX", "fail", true, true};
 
 static bool Matches(const COM_ReplaceItem &item, const char *line, bool anywhere) {
     const size_t length = std::min(static_cast<size_t>(item.key_len), sizeof item.key - 1);
@@ -36,10 +36,16 @@ static COM_ReplaceItem *FindItem(std::span<COM_ReplaceItem> items, const char *l
     return nullptr;
 }
 
-// Writes the item's line with a line end; nothing when it is empty.
-static bool WriteItemLine(FILE *out, const COM_ReplaceItem &item) {
-    const int length = static_cast<int>(strnlen(item.line, sizeof item.line));
-    return length == 0 || fprintf(out, "%.*s\n", length, item.line) >= 0;
+// Makes the item's line, with a line end, of `line`; nothing when the item deletes. Returns its
+// length.
+static size_t TakeItemLine(const COM_ReplaceItem &item, char (&line)[256]) {
+    static_assert(sizeof item.line < sizeof line - 1);
+    const size_t length = strnlen(item.line, sizeof item.line);
+    memcpy(line, item.line, length);
+    if (length > 0) {
+        line[length] = '\n';
+    }
+    return length > 0 ? length + 1 : 0;
 }
 
 // Writes the file's new text to the copy. Returns the number of items used, or -1.
@@ -48,36 +54,28 @@ static int WriteNewText(InPlaceEdit *edit, const COM_ReplaceItemList &list) {
                                            static_cast<size_t>(std::max(list.count, 0)));
     int used = 0;
     char line[256];
-    while (edit->ReadLine(line, sizeof line)) {
+    while (size_t length = edit->ReadLine(line, sizeof line)) {
         COM_ReplaceItem *item = FindItem(items, line, list.match_anywhere != 0);
         if (item) {
             item->key_len = 0;
             ++used;
+            length = TakeItemLine(*item, line);
         }
-        if (list.check_only) {
-            continue;
-        }
-        const bool written =
-            item ? WriteItemLine(edit->copy(), *item) : fputs(line, edit->copy()) >= 0;
-        if (!written) {
-            TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s", strerror(errno), line);
+        if (!list.check_only && !edit->WriteLine(line, length)) {
             return -1;
         }
     }
-    if (list.append_missing) {
-        for (const COM_ReplaceItem &item : items) {
-            if (item.key_len > 0 && item.line[0] != '\0') {
-                if (!WriteItemLine(edit->copy(), item)) {
-                    TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s\n", strerror(errno), item.key);
-                    return -1;
-                }
-                ++used;
-            }
-        }
-    }
-    if (!list.check_only && !edit->Flush()) {
-        TQ_LOG_FOR(kOrigin, "fprintf() fail : %s : %s\n", strerror(errno), "");
+    if (edit->ReadFailed()) {
         return -1;
+    }
+    for (const COM_ReplaceItem &item : items) {
+        if (!list.append_missing || item.key_len <= 0 || item.line[0] == '\0') {
+            continue;
+        }
+        if (!edit->WriteLine(line, TakeItemLine(item, line))) {
+            return -1;
+        }
+        ++used;
     }
     return used;
 }
@@ -85,16 +83,18 @@ static int WriteNewText(InPlaceEdit *edit, const COM_ReplaceItemList &list) {
 int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list) {
     InPlaceEdit edit(path, kRules, kOrigin);
     int result = edit ? WriteNewText(&edit, *list) : -1;
-    if (result != -1 && !list->check_only && !edit.CopyBack()) {
+    if (list->check_only || edit.ReadFailed()) {
+        return result;
+    }
+    if (result != -1 && !edit.CopyBack(true)) {
         result = -1;
     }
-    edit.Close();
     // The length is still 0 when the new text never got complete: then the file is emptied, so that
     // nobody takes half a text for the whole.
-    if (!list->check_only && truncate(path, edit.length()) == -1) {
+    if (!edit.Cut()) {
         TQ_LOG("truncate(%s) error : %s\n", path, strerror(errno));
     }
-    return result;
+    return result == -1 || edit.Sync() ? result : -1;
 }
 
 int ReplaceNameServer(const char *path, const char *server) {

@@ -20,7 +20,7 @@ struct Setup {
 
 }  // namespace
 
-static bool WriteDhcp(FILE *out, const UnitInfo &request) {
+static bool WriteDhcp(int out, const UnitInfo &request) {
     // "(none)" is what an unset host name reads.
     const bool named = strcmp(request.name, "(none)") != 0;
     if (!WriteDhcpStanza(out, request.dev, named ? request.name : nullptr)) {
@@ -31,7 +31,7 @@ static bool WriteDhcp(FILE *out, const UnitInfo &request) {
     return true;
 }
 
-static bool WriteStatic(FILE *out, const UnitInfo &request) {
+static bool WriteStatic(int out, const UnitInfo &request) {
     const StaticStanza stanza{request.dev, request.note, request.ip, request.netmask,
                               request.gateway};
     const bool withGateway = HasUsableGateway(stanza, kOrigin);
@@ -49,7 +49,7 @@ static bool WriteStatic(FILE *out, const UnitInfo &request) {
     return true;
 }
 
-static StanzaOutcome WriteStanza(FILE *out, void *context) {
+static StanzaOutcome WriteStanza(int out, void *context) {
     Setup *setup = static_cast<Setup *>(context);
     const UnitInfo &request = *setup->request;
     if (strcmp(request.note, "dhcp") == 0) {
@@ -70,8 +70,8 @@ int TQ_SetupNetwork(const TQ_Cfg *cfg, const UnitInfo *request) {
         return -1;
     }
     Setup setup{cfg, request, false};
-    if (ReplaceStanza(cfg->netfile, request->dev, WriteStanza, &setup, kOrigin) == -1 ||
-        setup.resolverFailed) {
+    const StanzaEdit edit{cfg->netfile, request->dev, WriteStanza, &setup, kOrigin, true};
+    if (ReplaceStanza(edit) == -1 || setup.resolverFailed) {
         return -1;
     }
     if (cfg->netscript[0] != '\0') {

@@ -1,14 +1,13 @@
 #include "config/stanza_editor.h"
 
-#include <unistd.h>
-
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "common/address.h"
 #include "config/in_place_edit.h"
 
-static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", false, false};
+static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", "faied", false, false};
 static constexpr char kStanzaWord[] = "iface";
 static constexpr char kAutoWord[] = "auto";
 
@@ -23,16 +22,15 @@ static bool NamesDevice(const char *line, const char *device) {
 }
 
 // Writes the file's new text to the copy. Returns 0 or -1.
-static int WriteNewText(InPlaceEdit *edit, const char *device, StanzaWriter writer, void *context,
-                        const MessageOrigin &origin) {
+static int WriteNewText(InPlaceEdit *edit, const StanzaEdit &wanted) {
     int result = 0;
     bool inStanza = false;
     char line[128];
-    while (edit->ReadLine(line, sizeof line)) {
+    while (const size_t length = edit->ReadLine(line, sizeof line)) {
         if (BeginsWith(line, kStanzaWord)) {
-            inStanza = NamesDevice(line, device);
+            inStanza = NamesDevice(line, wanted.device);
             if (inStanza) {
-                const StanzaOutcome outcome = writer(edit->copy(), context);
+                const StanzaOutcome outcome = wanted.write(edit->copy(), wanted.context);
                 if (outcome == StanzaOutcome::kWriteFailed) {
                     return -1;
                 }
@@ -43,42 +41,31 @@ static int WriteNewText(InPlaceEdit *edit, const char *device, StanzaWriter writ
         } else if (BeginsWith(line, kAutoWord)) {
             inStanza = false;
         }
-        if (!inStanza && fputs(line, edit->copy()) < 0) {
-            TQ_LOG_FOR(origin, "fprintf() faied : %s : %s", strerror(errno), line);
+        if (!inStanza && !edit->WriteLine(line, length)) {
             return -1;
         }
     }
-    if (!edit->Flush()) {
-        TQ_LOG_FOR(origin, "fprintf() faied : %s : %s\n", strerror(errno), "");
-        return -1;
-    }
-    return result;
+    return edit->ReadFailed() ? -1 : result;
 }
 
-int ReplaceStanza(const char *path, const char *device, StanzaWriter writer, void *context,
-                  const MessageOrigin &origin) {
-    InPlaceEdit edit(path, kRules, origin);
-    if (!edit) {
+int ReplaceStanza(const StanzaEdit &wanted) {
+    InPlaceEdit edit(wanted.path, kRules, wanted.origin);
+    if (!edit || WriteNewText(&edit, wanted) == -1 || !edit.CopyBack(wanted.reportsCopyBack)) {
         return -1;
     }
-    if (WriteNewText(&edit, device, writer, context, origin) == -1 || !edit.CopyBack()) {
+    if (!edit.Cut()) {
+        TQ_LOG_FOR(wanted.origin, "truncate(%s, %d) error : %s\n", wanted.path,
+                   static_cast<int>(edit.length()), strerror(errno));
         return -1;
     }
-    edit.Close();
-    const long length = edit.length();
-    if (truncate(path, length) == -1) {
-        TQ_LOG_FOR(origin, "truncate(%s, %d) error : %s\n", path, static_cast<int>(length),
-                   strerror(errno));
-        return -1;
-    }
-    return 0;
+    return edit.Sync() ? 0 : -1;
 }
 
-bool WriteDhcpStanza(FILE *out, const char *device, const char *hostname) {
+bool WriteDhcpStanza(int out, const char *device, const char *hostname) {
     if (!hostname) {
-        return fprintf(out, "iface %s inet dhcp\n", device) >= 0;
+        return dprintf(out, "iface %s inet dhcp\n", device) >= 0;
     }
-    return fprintf(out, "iface %s inet dhcp\n  hostname %s\n\n", device, hostname) >= 0;
+    return dprintf(out, "iface %s inet dhcp\n  hostname %s\n\n", device, hostname) >= 0;
 }
 
 bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin) {
@@ -96,12 +83,12 @@ bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin) {
     return false;
 }
 
-bool WriteStaticStanza(FILE *out, const StaticStanza &stanza, bool withGateway) {
+bool WriteStaticStanza(int out, const StaticStanza &stanza, bool withGateway) {
     if (!withGateway) {
-        return fprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n\n", stanza.device,
+        return dprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n\n", stanza.device,
                        stanza.method, stanza.address, stanza.netmask) >= 0;
     }
-    return fprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n  gateway %s\n\n",
+    return dprintf(out, "iface %s inet %s\n  address %s\n  netmask %s\n  gateway %s\n\n",
                    stanza.device, stanza.method, stanza.address, stanza.netmask,
                    stanza.gateway) >= 0;
 }

@@ -33,7 +33,7 @@ struct NewStanza {
 
 }  // namespace
 
-static StanzaOutcome WriteStatic(FILE *out, const NewStanza &wanted) {
+static StanzaOutcome WriteStatic(int out, const NewStanza &wanted) {
     const AddressText address = ReadAddress(wanted.settings, kx::kNewAddress);
     const AddressText netmask = ReadAddress(wanted.settings, kx::kNetmask);
     const AddressText gateway = ReadAddress(wanted.settings, kx::kGateway);
@@ -47,7 +47,7 @@ static StanzaOutcome WriteStatic(FILE *out, const NewStanza &wanted) {
                                                               : StanzaOutcome::kWritten;
 }
 
-static StanzaOutcome WriteWanted(FILE *out, void *context) {
+static StanzaOutcome WriteWanted(int out, void *context) {
     const NewStanza &wanted = *static_cast<const NewStanza *>(context);
     if (!WantsDhcp(wanted.settings)) {
         return WriteStatic(out, wanted);
@@ -60,7 +60,7 @@ static StanzaOutcome WriteWanted(FILE *out, void *context) {
 
 int KIRVEX_NetWorkSetup(const char *device, const uint8_t *settings) {
     NewStanza wanted{device, settings, {kSource, __func__}};
-    return ReplaceStanza(kKirvexInterfaces, device, WriteWanted, &wanted, wanted.origin);
+    return ReplaceStanza({kKirvexInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
 }
 
 // Whether the name that a request carries is this unit's, or a leading part of it.

@@ -1,6 +1,7 @@
 #include <sys/mount.h>
 
 #include <csignal>
+#include <regex>
 
 #include "common/owners.h"
 #include "config/command.h"
@@ -8,6 +9,7 @@
 #include "config/line_editor.h"
 #include "config/network_setup.h"
 #include "config/process.h"
+#include "config/stanza_editor.h"
 #include "config/watchdog.h"
 #include "support/files.h"
 
@@ -62,6 +64,26 @@ TEST(ConfigFile, SetsWhatItsLinesSay) {
               }).find("TQ_ParsetCfg(): fopen(/none) error : No such file or directory\n"));
 }
 
+// Messages without their source tags and line numbers.
+static std::string Shorten(const std::string &output) {
+    return std::regex_replace(output, std::regex("(^|\n)\\w+,\\d+:"), "$1");
+}
+
+// Sets eth0 to DHCP in an interfaces file, or, without one, the name server in /srv/f.
+static int Edit(const char *netfile) {
+    if (!netfile) {
+        return ReplaceNameServer("/srv/f", "2");
+    }
+    TQ_Cfg cfg{};
+    strcpy(cfg.netfile, netfile);
+    strcpy(cfg.netscript, "/bin/true");
+    UnitInfo request{};
+    strcpy(request.dev, "eth0");
+    strcpy(request.name, "(none)");
+    strcpy(request.note, "dhcp");
+    return TQ_SetupNetwork(&cfg, &request);
+}
+
 static COM_ReplaceItem Item(const char *key, const char *line) {
     COM_ReplaceItem item{};
     item.key_len = static_cast<int>(strlen(key));
@@ -87,6 +109,8 @@ TEST(LineEditor, ReplacesDeletesAndAppendsWholeLines) {
         {longLine + "\na\r\n", Item("a", "a new"), Item("b", ""), 0, 0, 0, 1,
          longLine + "\na new\n"},
         {"", Item("a", "x"), Item("b", "y"), 0, 0, 0, 0, ""},
+        {std::string("b\0c\na\0x\n\0y\n", 11), Item("a", "a new"), Item("b", "z"), 0, 0, 0, 2,
+         std::string("z\na new\n\0y\n", 11)},
         {"100% %s %n\n", Item("a", "%s%n"), Item("b", ""), 0, 0, 1, 1, "100% %s %n\n%s%n\n"},
     };
     for (const auto &c : kCases) {
@@ -105,28 +129,6 @@ TEST(LineEditor, ReplacesDeletesAndAppendsWholeLines) {
     EXPECT_EQ(0, ReplaceNameServer("/tmp/created", "1.2.3.4"));
     EXPECT_EQ("", ReadFile("/tmp/created"));
     EXPECT_EQ(0, access("/tmp/created", F_OK));
-}
-
-TEST(LineEditor, WhatFailsLeavesNothingBehind) {
-    WriteFile("/tmp/lines", "nameserver 1\n");
-    EXPECT_NE(std::string::npos,
-              OutputOf([] {
-                  EXPECT_EQ(-1, ReplaceNameServer("/tmp", "2"));
-              }).find("COM_ReplaceItemsInFile(): fopen(/tmp) failed : Is a directory\n"));
-    ASSERT_EQ(0, mount("none", "/var", "tmpfs", 0, "size=16k"));
-    Shell("head -c 16384 /dev/zero >/var/full || true");
-    EXPECT_NE(std::string::npos,
-              OutputOf([] {
-                  EXPECT_EQ(-1, ReplaceNameServer("/tmp/lines", "2"));
-              }).find("COM_ReplaceItemsInFile(): fprintf() fail : No space left on device"));
-    // Half a text is never taken for the whole: the file is empty.
-    EXPECT_EQ("", ReadFile("/tmp/lines"));
-    EXPECT_EQ("full\n", ListFolder("/var"));
-    ASSERT_EQ(0, mount("none", "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
-    EXPECT_NE(std::string::npos, OutputOf([] {
-                                     EXPECT_EQ(-1, ReplaceNameServer("/tmp/lines", "2"));
-                                 }).find("mkstemp() failed : Read-only file system\n"));
-    ASSERT_EQ(0, umount("/var"));
 }
 
 static constexpr char kInterfaces[] =
@@ -208,26 +210,98 @@ TEST(NetworkSetup, RewritesTheStanzaAndTheResolver) {
     EXPECT_EQ(-1, TQ_SetupNetwork(nullptr, nullptr));
 }
 
-TEST(NetworkSetup, WhatFailsKeepsTheFile) {
-    TQ_Cfg cfg{};
-    strcpy(cfg.netfile, "/etc/interfaces");
-    UnitInfo request{};
-    strcpy(request.dev, "eth0");
-    strcpy(request.note, "dhcp");
-    EXPECT_NE(std::string::npos,
-              OutputOf([&] {
-                  EXPECT_EQ(-1, TQ_SetupNetwork(&cfg, &request));
-              }).find("TQ_SetupNetwork(): fopen(/etc/interfaces) failed : No such file"));
-    const std::string big = kInterfaces + std::string(65536, '#');
-    WriteFile("/etc/interfaces", big);
-    ASSERT_EQ(0, mount("none", "/tmp", "tmpfs", 0, "size=16k"));
-    EXPECT_NE(std::string::npos,
-              OutputOf([&] {
-                  EXPECT_EQ(-1, TQ_SetupNetwork(&cfg, &request));
-              }).find("TQ_SetupNetwork(): fprintf() faied : No space left on device : "));
-    EXPECT_EQ("", ListFolder("/tmp"));
-    ASSERT_EQ(0, umount("/tmp"));
-    EXPECT_EQ(big, ReadFile("/etc/interfaces"));
+// What fails names what could not be done, runs nothing, and leaves no temporary file.
+TEST(Editors, SayWhatFailsAndKeepWhatTheyCan) {
+    const std::string full = "head -c 99999 /dev/zero >full 2>/dev/null; ";
+    const std::string kNoSpace = " : No space left on device : ";
+    // Each begins in a folder of 8 KB: the files f, interfaces, and tmp and var, which then become
+    // /tmp and /var. A file that reads with an error is there as well.
+    const struct {
+        const char *name;
+        std::string before, spoil;
+        const char *netfile;  // null: the name server in f is replaced instead
+        std::string said, after;
+    } kCases[] = {
+        {"no such file", "", "", "/srv/none",
+         "TQ_SetupNetwork(): fopen(/srv/none) failed : No such file or directory\n", ""},
+        {"no temporary file", "", "mount -t tmpfs -o ro t /tmp", "/srv/none", "", ""},
+        {"no temporary file", "x\n", "mount -t tmpfs -o ro t /var", nullptr,
+         "COM_ReplaceItemsInFile(): mkstemp() failed : Read-only file system\n", ""},
+        {"a folder", "x\n", "rm f; mkdir f", nullptr,
+         "COM_ReplaceItemsInFile(): fopen(/srv/f) failed : Is a directory\n"
+         "COM_ReplaceItemsInFile(): truncate(/srv/f) error : Is a directory\n",
+         ""},
+        {"unreadable", "x\n", "rm f; ln -s /proc/self/mem f", "/srv/f",
+         "TQ_SetupNetwork(): fgets(/srv/f) failed : Input/output error\n", ""},
+        {"unreadable", "x\n", "rm f; ln -s /proc/self/mem f", nullptr,
+         "COM_ReplaceItemsInFile(): fgets(/srv/f) failed : Input/output error\n", ""},
+        {"nobody writes", "x\n", "rm f; mkfifo f", "/srv/f",
+         "TQ_SetupNetwork(): fgets(/srv/f) failed : Resource temporarily unavailable\n", ""},
+        {"full before a line", "one\niface eth0 x\n",
+         "mount -t tmpfs -o size=4k t /tmp; cd /tmp; " + full, "/srv/f",
+         "TQ_SetupNetwork(): fprintf() faied" + kNoSpace + "one\n", "one\niface eth0 x\n"},
+        {"full before the stanza", "iface eth0 x\n",
+         "mount -t tmpfs -o size=4k t /tmp; cd /tmp; " + full, "/srv/f", "", "iface eth0 x\n"},
+        {"full before a line", "one\nnameserver\n",
+         "mount -t tmpfs -o size=4k t /var; cd /var; " + full, nullptr,
+         "COM_ReplaceItemsInFile(): fprintf() fail" + kNoSpace + "one\n", ""},
+        {"full before the new line", "nameserver\n",
+         "mount -t tmpfs -o size=4k t /var; cd /var; " + full, nullptr,
+         "COM_ReplaceItemsInFile(): fprintf() fail" + kNoSpace + "nameserver 2\n", ""},
+        {"no room to grow", "iface eth0 x\nauto z\n" + std::string(4060, '#') + "\n0123456789\n",
+         full, "/srv/f",
+         "TQ_SetupNetwork(): \n==\niface eth0 inet dhcp\n  hostname "
+         "(none)\n\n==\nTQ_SetupNetwork(): fprintf() faied" +
+             kNoSpace + "0123456789\n",
+         "iface eth0 inet dhcp\nauto z\n" + std::string(4060, '#') + "\n0123456"},
+        {"no room to grow", "nameserver\n" + std::string(4072, '#') + "\n0123456789\n", full,
+         nullptr, "COM_ReplaceItemsInFile(): fprintf() fail" + kNoSpace + "0123456789\n",
+         "nameserver 2\n" + std::string(4072, '#') + "\n0123456789"},
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.name + c.said);
+        Shell("mount -t tmpfs -o size=8k t /srv");
+        WriteFile("/srv/f", c.before);
+        std::string left = "?";
+        EXPECT_EQ(Shorten(OutputOf([&] {
+                      Shell("cd /srv; " + c.spoil + " 2>/dev/null || :");
+                      EXPECT_EQ(Edit(c.netfile), -1);
+                      left = ListFolder("-d /tmp/TQ_* /var/COM_* 2>/dev/null");
+                      Shell("umount /tmp /var 2>/dev/null || :");
+                  })),
+                  c.said);
+        if (c.before != "x\n") {
+            EXPECT_EQ(ReadFile("/srv/f"), c.after);
+        }
+        EXPECT_EQ(left, "");
+        Shell("umount /srv");
+    }
+}
+
+// Ended by a signal in the middle, an edit is whole first.
+TEST(Editors, AreNotCutShort) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        WriteFile("/tmp/interfaces", "iface eth0 inet static\n");
+        WriteFile("/tmp/resolver", "nameserver 1.1.1.1\n");
+        const pid_t child = fork();
+        if (child == 0) {
+            const StanzaWriter write = [](int out, void *context) {
+                raise(*static_cast<int *>(context));
+                return ReplaceNameServer("/tmp/resolver", "2") == 1 &&
+                               WriteDhcpStanza(out, "eth0", nullptr)
+                           ? StanzaOutcome::kWritten
+                           : StanzaOutcome::kWriteFailed;
+            };
+            int number = signal;
+            _exit(ReplaceStanza({"/tmp/interfaces", "eth0", write, &number, {}, true}));
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, signal);
+        EXPECT_EQ(ReadFile("/tmp/interfaces"), "iface eth0 inet dhcp\n");
+        EXPECT_EQ(ReadFile("/tmp/resolver"), "nameserver 2\n");
+        EXPECT_EQ(ListFolder("-d /tmp/TQ_* /var/COM_* 2>/dev/null"), "");
+    }
 }
 
 TEST(Command, RunsWithoutAShell) {

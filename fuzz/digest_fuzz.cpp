@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         COM_GenHttpAuthStr("GET", url.c_str(), &auth, out);
         Require(strnlen(out, sizeof out) < sizeof out);
         char large[kHttpAuthTextSize];
-        Require(COM_GenBoundedHttpAuthStr("POST", url.c_str(), &auth, large, sizeof large) == 0);
+        Require(net::FormatAuthorization("POST", url.c_str(), &auth, large, sizeof large,
+                                         net::kHttpLimits) == 0);
     }
     return 0;
 }

@@ -16,10 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const bool askScheme = input.ConsumeBool();
     const std::string url = (plainUrl ? kServer : "") + NextText(input);
     const std::string text = NextText(input);
-    HttpTimings timings;
-    timings.socketSeconds = 1;
-    timings.pause = {0, 0};
-    timings.resolverSeconds = 0;
+    net::HttpLimits limits;
+    limits.socketSeconds = 1;
+    limits.answerSize = 1 << 20;
+    limits.pause = {0, 0};
+    limits.resolverSeconds = 0;
     gBeforeWait = [&](pollfd *, nfds_t, bool) { return web.Serve(input); };
     web.Restart();
     HttpAuthInfo auth{};
@@ -27,10 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         askScheme ? COM_GetHttpAuthMethod(url.c_str()) : input.ConsumeIntegralInRange(0, 2);
     CopyText(auth.username, text.c_str());
     CopyText(auth.password, text.c_str());
-    const HttpCommand command{method, text.c_str(), keepHeader, withCookie ? text.c_str() : nullptr,
-                              askScheme};
+    const net::HttpCommand command{method, text.c_str(), keepHeader,
+                                   withCookie ? text.c_str() : nullptr, askScheme};
     char *answer = nullptr;
-    const int length = COM_RequestHttpContent(url.c_str(), &answer, &auth, command, timings);
+    const int length = net::RequestHttp(url.c_str(), &answer, &auth, command, limits);
     const HeapBlock<char> owner(answer);
     Require(length <= 0 || (answer && answer[length - 1] == '\0'));
     return 0;

@@ -1,5 +1,7 @@
 #include "kirvex/web_session.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 
@@ -21,16 +23,31 @@ WebServerPort ReadWebServerPort() {
     return port;
 }
 
+// Bounds that no page of the web server comes near, so that one that never ends its answer can't
+// hold the unit for ever; a silent one is given up after some 32 seconds in any case.
+static constexpr net::HttpLimits kLimits{.totalSeconds = 60, .answerSize = size_t{1} << 20};
+
 enum class Scheme { kNone, kAsAnnounced };
+
+// A line end in a name would end the header of a request too early, and what the requester wrote
+// behind it would reach the web server as a request from this machine itself. No account can have
+// such a name: its login fails. A TAB is a character of account names.
+static bool HasControlCharacter(const char *name) {
+    return std::any_of(name, name + strlen(name),
+                       [](unsigned char c) { return c != '\t' && iscntrl(c) != 0; });
+}
 
 // The body of a page, or nothing.
 static HeapBlock<char> Fetch(const char *url, const WebAccount &account, Scheme scheme) {
+    if (scheme == Scheme::kAsAnnounced && HasControlCharacter(account.name)) {
+        return nullptr;
+    }
     HttpAuthInfo credentials{};
-    credentials.method = scheme == Scheme::kAsAnnounced ? COM_GetHttpAuthMethod(url) : 0;
+    credentials.method = scheme == Scheme::kAsAnnounced ? net::FindAuthMethod(url, kLimits) : 0;
     CopyText(credentials.username, account.name);
     CopyText(credentials.password, account.password);
     char *body = nullptr;
-    const int size = COM_GetHttpContent(url, &body, &credentials);
+    const int size = net::RequestHttp(url, &body, &credentials, {}, kLimits);
     HeapBlock<char> page(body);
     if (size <= 0) {
         page.reset();

@@ -21,28 +21,12 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/time.h>
-
-#include <cstdint>
-#include <ctime>
 
 #include "common/buffer.h"  // COM_ReallocAndCopyBuf
 #include "common/socket.h"  // COM_SetSocketTimeout
 #include "net/dns.h"
 #include "net/http_auth.h"
-
-// The kinds of request. For the RTSP verbs no text is built: only the authorization knows them.
-enum HttpCmdType : int32_t {
-    HTTP_CMD_GET = 0,
-    HTTP_CMD_POST = 1,            // a form
-    HTTP_CMD_POST_MULTIPART = 2,  // the caller's data closes the header and brings the body
-    HTTP_CMD_USER_DEFINED = 3,    // the caller's data is the request
-    HTTP_CMD_OPTIONS = 4,
-    HTTP_CMD_DESCRIBE = 5,
-    HTTP_CMD_SETUP = 6,
-    HTTP_CMD_PLAY = 7,
-    HTTP_CMD_TEARDOWN = 8
-};
+#include "net/http_exchange.h"  // HttpCmdType, COM_GetContentLengthInHttpHeader
 
 // GET. The ...WithHeader calls keep the answer's header in *result; theirs end as soon as header
 // and body together reach the announced Content-Length. The ...Https... calls warn and speak plain
@@ -86,30 +70,11 @@ int COM_SubSendHttpCmd(const struct sockaddr_in *server, const char *host,
                        HttpAuthInfo *auth, int method, const char *data, int keepHeader,
                        const char *cookie, int https);
 
-// The last Content-Length in a received block of `len` bytes, whatever it stands in; -1 when there
-// is none. A number beyond the range of int counts as its greatest.
-int COM_GetContentLengthInHttpHeader(const char *buf, int len);
+namespace net {
 
-// How long an exchange waits for what.
-struct HttpTimings {
-    int socketSeconds = 30;       // for the connection, and for the request to be taken
-    timeval writable{8, 0};       // for room to send in
-    timespec pause{0, 30000000};  // between request and answer
-    timeval readable{16, 0};      // for each block of the answer; the second failed wait ends it
-    int resolverSeconds = -1;     // for a name server, as DNS_GetA takes it
-};
-inline constexpr HttpTimings kHttpTimings;
+// COM_SubGetPostHttpContent within limits of the caller's choice, which hold for the challenge,
+// too.
+int RequestHttp(const char *url, char **result, HttpAuthInfo *auth, const HttpCommand &command,
+                const HttpLimits &limits);
 
-// What COM_SubGetPostHttpContent is asked for, as a record.
-struct HttpCommand {
-    int method = HTTP_CMD_GET;
-    const char *data = nullptr;
-    bool keepHeader = false;
-    const char *cookie = nullptr;
-    bool https = false;
-};
-
-// COM_SubGetPostHttpContent with waits of the caller's choice (a challenge is fetched with the
-// usual ones).
-int COM_RequestHttpContent(const char *url, char **result, HttpAuthInfo *auth,
-                           const HttpCommand &command, const HttpTimings &timings);
+}  // namespace net

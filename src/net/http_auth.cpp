@@ -11,7 +11,6 @@
 #include "common/base64.h"
 #include "common/owners.h"
 #include "frame/message.h"
-#include "net/http.h"
 
 static constexpr char kSource[] = "COMMON";
 static constexpr size_t kUriSize = 256;
@@ -19,7 +18,6 @@ static constexpr size_t kCredentialsSize = 80;
 static constexpr size_t kSchemeSize = 256;
 static constexpr size_t kHashedTextSize = 4 * sizeof(HttpAuthInfo);
 static constexpr char kNonceCount[] = "00000001";
-static constexpr char kNoAuthorization[] = "\r\n";
 static constexpr MessageOrigin kGenerate{kSource, "COM_GenHttpAuthStr"};
 
 namespace {
@@ -56,14 +54,25 @@ HexText::HexText(const char *format, ...) {
 
 }  // namespace
 
+// Fetches a page without authorization, header included. Returns what the exchange does.
+static int FetchUnauthorized(const char *url, const net::HttpLimits &limits,
+                             HeapBlock<char> &answer) {
+    const net::HttpCommand command{.keepHeader = true};
+    char *text = nullptr;
+    const int result = net::FetchHttp(url, net::kNoAuthorization, &text, command, limits);
+    answer.reset(text);
+    return result;
+}
+
 int COM_GetHttpAuthMethod(const char *url) {
-    char *answer = nullptr;
-    const int result =
-        COM_SubGetPostHttpContent(url, &answer, nullptr, HTTP_CMD_GET, nullptr, 1, nullptr, 0);
-    const HeapBlock<char> owner(answer);
+    return net::FindAuthMethod(url, net::kHttpLimits);
+}
+
+int net::FindAuthMethod(const char *url, const HttpLimits &limits) {
+    HeapBlock<char> answer;
     char scheme[kSchemeSize];
-    if (result < 1 || !answer ||
-        !COM_GetStrBeforeNewLine(answer, "WWW-Authenticate: ", scheme, sizeof scheme)) {
+    if (FetchUnauthorized(url, limits, answer) < 1 || !answer ||
+        !COM_GetStrBeforeNewLine(answer.get(), "WWW-Authenticate: ", scheme, sizeof scheme)) {
         return HTTP_AUTH_NONE;
     }
     if (strncasecmp(scheme, "Basic", 5) == 0) {
@@ -92,9 +101,8 @@ static void CutQop(HttpAuthInfo &auth) {
 
 static int FormatDigest(const char *methodName, const char *uri, HttpAuthInfo &auth, char *out,
                         size_t size) {
-    const FieldText username(auth, auth.username);
-    const HexText ha1("%s:%s:%s", username.text, FieldText(auth, auth.realm).text,
-                      FieldText(auth, auth.password).text);
+    const HexText ha1("%s:%s:%s", FieldText(auth, auth.username).text,
+                      FieldText(auth, auth.realm).text, FieldText(auth, auth.password).text);
     ha1.Store(auth.ha1);
     const HexText ha2("%s:%s", methodName, uri);
     ha2.Store(auth.ha2);
@@ -105,8 +113,8 @@ static int FormatDigest(const char *methodName, const char *uri, HttpAuthInfo &a
         return snprintf(out, size,
                         "Authorization: Digest username=\"%s\",realm=\"%s\",nonce=\"%s\","
                         "uri=\"%s\",response=\"%s\"\r\n\r\n",
-                        username.text, FieldText(auth, auth.realm).text, nonce.text, uri,
-                        response.text);
+                        FieldText(auth, auth.username).text, FieldText(auth, auth.realm).text,
+                        nonce.text, uri, response.text);
     }
     char date[32] = "";
     const time_t now = time(nullptr);
@@ -117,6 +125,7 @@ static int FormatDigest(const char *methodName, const char *uri, HttpAuthInfo &a
     CutQop(auth);
     CopyText(auth.nc, kNonceCount);
     // Read only now: the cut and the count may stand in what a full field reads on into.
+    const FieldText username(auth, auth.username);
     const FieldText realm(auth, auth.realm);
     const FieldText qop(auth, auth.qop);
     const FieldText nonce(auth, auth.nonce);
@@ -133,12 +142,22 @@ static int FormatDigest(const char *methodName, const char *uri, HttpAuthInfo &a
                     qop.text, opaque.text);
 }
 
-int COM_GenHttpAuthStr(const char *methodName, const char *url, HttpAuthInfo *auth, char *out) {
-    return COM_GenBoundedHttpAuthStr(methodName, url, auth, out, kHttpAuthStrSize);
+static int FetchChallenge(const char *url, HttpAuthInfo *auth, const net::HttpLimits &limits) {
+    HeapBlock<char> answer;
+    const int result = FetchUnauthorized(url, limits, answer);
+    if (result > 0 && answer) {
+        COM_GetDigestStringInBuf(answer.get(), auth);
+    }
+    auth->method = HTTP_AUTH_DIGEST;
+    return result;
 }
 
-int COM_GenBoundedHttpAuthStr(const char *methodName, const char *url, HttpAuthInfo *auth,
-                              char *out, size_t size) {
+int COM_GenHttpAuthStr(const char *methodName, const char *url, HttpAuthInfo *auth, char *out) {
+    return net::FormatAuthorization(methodName, url, auth, out, kHttpAuthStrSize, net::kHttpLimits);
+}
+
+int net::FormatAuthorization(const char *methodName, const char *url, HttpAuthInfo *auth, char *out,
+                             size_t size, const HttpLimits &limits) {
     char uri[kUriSize];
     const char *path = strchr(url, '/');
     CopyText(uri, path ? path : "/");
@@ -147,7 +166,7 @@ int COM_GenBoundedHttpAuthStr(const char *methodName, const char *url, HttpAuthI
         length = FormatBasic(*auth, out, size);
     } else if (auth && auth->method == HTTP_AUTH_DIGEST) {
         if (auth->nonce[0] == '\0') {
-            COM_GetDigestString(url, auth);
+            FetchChallenge(url, auth, limits);
         }
         if (auth->nonce[0] != '\0') {
             length = FormatDigest(methodName, uri, *auth, out, size);
@@ -165,16 +184,7 @@ int COM_GenBoundedHttpAuthStr(const char *methodName, const char *url, HttpAuthI
 }
 
 int COM_GetDigestString(const char *url, HttpAuthInfo *auth) {
-    auth->method = HTTP_AUTH_NONE;
-    char *answer = nullptr;
-    const int result =
-        COM_SubGetPostHttpContent(url, &answer, auth, HTTP_CMD_GET, nullptr, 1, nullptr, 0);
-    const HeapBlock<char> owner(answer);
-    if (result > 0 && answer) {
-        COM_GetDigestStringInBuf(answer, auth);
-    }
-    auth->method = HTTP_AUTH_DIGEST;
-    return result;
+    return FetchChallenge(url, auth, net::kHttpLimits);
 }
 
 int COM_GetDigestStringInBuf(const char *text, HttpAuthInfo *auth) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "common/text.h"  // COM_GetStrBeforeNewLine, COM_GetStrInDoubleQuotes, COM_StrNCaseStr
+#include "net/http_exchange.h"
 #include "net/md5.h"
 
 enum HttpAuthMethod : int32_t { HTTP_AUTH_NONE = 0, HTTP_AUTH_BASIC = 1, HTTP_AUTH_DIGEST = 2 };
@@ -48,10 +49,6 @@ int COM_GetHttpAuthMethod(const char *url);
 // too long for it.
 int COM_GenHttpAuthStr(const char *methodName, const char *url, HttpAuthInfo *auth, char *out);
 
-// The same for a buffer of `size` bytes, at least 3.
-int COM_GenBoundedHttpAuthStr(const char *methodName, const char *url, HttpAuthInfo *auth,
-                              char *out, size_t size);
-
 // Fetches the server's Digest challenge into the record (always with GET) and sets its `method` to
 // HTTP_AUTH_DIGEST. Returns the result of the exchange, as COM_GetHttpContent does.
 int COM_GetDigestString(const char *url, HttpAuthInfo *auth);
@@ -59,3 +56,15 @@ int COM_GetDigestString(const char *url, HttpAuthInfo *auth);
 // Takes realm, qop, nonce and opaque from a Digest challenge in a received header. Returns 0, or -1
 // when there is no challenge; a value that is missing leaves its field as it was.
 int COM_GetDigestStringInBuf(const char *text, HttpAuthInfo *auth);
+
+namespace net {
+
+// COM_GetHttpAuthMethod within limits of the caller's choice.
+int FindAuthMethod(const char *url, const HttpLimits &limits);
+
+// COM_GenHttpAuthStr for a buffer of `size` bytes, at least 3; a challenge is fetched within
+// `limits`.
+int FormatAuthorization(const char *methodName, const char *url, HttpAuthInfo *auth, char *out,
+                        size_t size, const HttpLimits &limits);
+
+}  // namespace net

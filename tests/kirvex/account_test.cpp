@@ -48,7 +48,8 @@ TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
         {{"admin", "1234", "", digits}, 0, "LACK"},
         {{"admin", "1234", "", "5678"}, -1, "Lkk", "9999"},
         {{"admin", "wrong", "", "1"}, -1, "lk"},
-        {{"ad\"min\r\n%s", "\xFF%n", "", "1"}, -1, "lk"},
+        {{"ad\"min\t%s", "\xFF%n", "", "1"}, -1, "lk"},
+        {{"admin\r\nGET /reboot HTTP/1.0\r\n\r\n", "1234", "", "1"}, -1, "k"},
         {{full, "", "a b", "x"}, 1002, "k"},
         {{full, "1", "a b", "x"}, 1003, "k"},
         {{"admin", full, "", "x"}, 1012, "k"},
@@ -67,11 +68,7 @@ TEST(KirvexAccount, ChangesThePasswordThroughTheWebServer) {
                 Ask(Header(0xA4) + Credentials(row.texts)),
                 StatusReply(0xA4, row.error != 0, std::max(row.error, 0), 0, 0, filled ? 'Z' : 0));
             web.Stop();
-            std::string log = ReadFile(kPages + "log");
-            if (Holds(log, "400")) {
-                log.replace(log.find("400"), 3, "401");  // the name with a line end in Digest
-            }
-            EXPECT_EQ(log, WebLog(row.requests, digest ? 2 : 1, row.texts[3]));
+            EXPECT_EQ(ReadFile(kPages + "log"), WebLog(row.requests, digest ? 2 : 1, row.texts[3]));
             EXPECT_EQ(ReadFile(kPages + "passwd"),
                       "admin:" + (row.error ? "1234" : row.texts[3]) + "\n");
         }

@@ -88,6 +88,7 @@ TEST(HttpAuth, OtherHeaders) {
     OBSERVE(COM_GetHttpContent(server.Url("/" + std::string(300, 'u')).c_str(), r, full.get()));
     const std::string &request = server.Requests()[0];
     EXPECT_TRUE(Holds(request, ",uri=\"/" + std::string(254, 'u') + "\",cnonce=\"")) << request;
+    EXPECT_TRUE(Holds(request, "\"" + std::string(316, 'A') + "00000001\",realm=\"")) << request;
     EXPECT_TRUE(Holds(request, ",opaque=\"" + std::string(80, 'A') + "00000001\"\r\n\r\n"));
 }
 

@@ -1,6 +1,9 @@
 #include "net/http.h"
 
+#include <signal.h>
 #include <sys/resource.h>
+
+#include <atomic>
 
 #include "net/peers.h"
 
@@ -76,7 +79,7 @@ TEST(Http, RequestTexts) {
 
 TEST(Http, Answers) {
     enum { kHeld, kSilent, kKept, kKeptSilent, kClosed, kReset };
-    const HttpTimings timings{.readable = {1, 0}};
+    const net::HttpLimits limits{.readable = {1, 0}};
     const std::string ok = "HTTP/1.1 200 OK\r\n", five = ok + "Content-Length: 5\r\n\r\n";
     const std::string three = "Content-Length: 3\r\n\r\nabc", endless(1 << 20, 'h');
     const std::tuple<std::vector<std::string>, std::string, int> cases[] = {
@@ -122,9 +125,9 @@ TEST(Http, Answers) {
                 HoldOpen(peer);
             }
         });
-        const HttpCommand command{.keepHeader = kind == kKept || kind == kKeptSilent};
+        const net::HttpCommand command{.keepHeader = kind == kKept || kind == kKeptSilent};
         const Outcome got =
-            OBSERVE(COM_RequestHttpContent(server.Url("").c_str(), r, nullptr, command, timings));
+            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, command, limits));
         EXPECT_TRUE(got.bytes == stored) << got.bytes.substr(0, 1000);
         EXPECT_EQ(kind == kReset, Holds(got.messages, "recv() = -1 : Connection reset by peer\n"));
         // Two failed waits where the peer is silent, none else; a busy machine may add to both.
@@ -132,6 +135,54 @@ TEST(Http, Answers) {
         EXPECT_GE(got.seconds, silent ? 2 : 0);
         EXPECT_LT(got.seconds, silent ? 4 : 2);
     }
+}
+
+// A server that never ends its answer, and one that never ends its header.
+TEST(Http, Bounds) {
+    const net::HttpLimits brief{.totalSeconds = 2}, small{.answerSize = 20000};
+    const std::tuple<const char *, net::HttpLimits, int> cases[] = {
+        {"A: b\r\n\r\n", brief, 0}, {"A: b\r\n", brief, 0}, {"A: b\r\n\r\n", small, 20000}};
+    for (const auto &[start, limits, most] : cases) {
+        std::atomic<bool> done = false;
+        ScriptedServer server([&, &first = start, pause = most == 0](int peer) {
+            for (SendBytes(peer, first); !done; usleep(pause ? 50000 : 0)) {
+                SendBytes(peer, "x");
+            }
+        });
+        const Outcome got =
+            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, {}, limits));
+        done = true;
+        EXPECT_EQ(got.bytes, std::string(got.bytes.size(), 'x'));
+        EXPECT_LT(got.seconds, most ? 20 : 4);
+        EXPECT_LE(got.bytes.size(), most + 4096u);
+        EXPECT_EQ(got.bytes.empty(), strlen(start) == 6);
+    }
+}
+
+// With a time-out, the system ends a connect that waits when the process stops and goes on.
+TEST(Http, SurvivesAStop) {
+    const BoundSocket server(SOCK_STREAM);
+    listen(server.fd.get(), 0);
+    const UniqueFd first(socket(AF_INET, SOCK_STREAM, 0));  // fills the queue
+    EXPECT_EQ(connect(first.get(), AsSockaddr(server.address), sizeof server.address), 0);
+    const std::string url = "127.0.0.1:" + std::to_string(ntohs(server.address.sin_port));
+    const pid_t client = fork();
+    if (client == 0) {
+        char *result = nullptr;
+        _exit(COM_GetHttpContent(url.c_str(), &result, nullptr));
+    }
+    usleep(200000);
+    kill(client, SIGSTOP);
+    usleep(50000);
+    kill(client, SIGCONT);
+    UniqueFd(accept(server.fd.get(), nullptr, nullptr)).reset();
+    timeval patience{10, 0};
+    if (WaitForSocket(server.fd.get(), POLLIN, &patience) == 1) {
+        SendBytes(UniqueFd(accept(server.fd.get(), nullptr, nullptr)).get(), "A: b\r\n\r\nok");
+    }
+    int status = 0;
+    waitpid(client, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
 }
 
 TEST(Http, Failures) {

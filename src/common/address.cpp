@@ -15,6 +15,23 @@ bool ParseDottedAddress(const char *text, in_addr *address) {
     return rest[strspn(rest, " \t\v\f\r\n")] == '\0' && inet_aton(text, address) != 0;
 }
 
+// printf would cost more than all else that makes an answer out of its facts.
+void WriteDottedAddress(in_addr address, char *out) {
+    uint8_t bytes[4];
+    memcpy(bytes, &address, sizeof bytes);
+    for (const uint8_t byte : bytes) {
+        if (byte >= 100) {
+            *out++ = static_cast<char>('0' + byte / 100);
+        }
+        if (byte >= 10) {
+            *out++ = static_cast<char>('0' + byte / 10 % 10);
+        }
+        *out++ = static_cast<char>('0' + byte % 10);
+        *out++ = '.';
+    }
+    out[-1] = '\0';
+}
+
 // The mask of a prefix length, in the machine's own byte order: on the big-endian board 24 gives
 // 0.255.255.255, and nothing there uses the prefix form.
 static uint32_t MaskOfPrefix(int length) {

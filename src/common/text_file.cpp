@@ -1,5 +1,45 @@
 #include "common/text_file.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
-TextFile::TextFile(const char *path) : file_(OpenWithoutWaiting(path, O_RDONLY, "r")) {}
+#include <algorithm>
+#include <cstring>
+
+static constexpr char kKernelTables[] = "/proc/";
+
+// A read of a kernel's table may end with any of its records; one of another file that brings less
+// than it was asked for has met the end.
+TextFile::TextFile(const char *path)
+    : file_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)),
+      comesInPieces_(strncmp(path, kKernelTables, strlen(kKernelTables)) == 0) {}
+
+bool TextFile::ReadBlock() {
+    if (ended_) {
+        return false;
+    }
+    const ssize_t count = read(file_.get(), block_, sizeof block_);
+    failed_ = count < 0;
+    ended_ = count <= 0 || (!comesInPieces_ && static_cast<size_t>(count) < sizeof block_);
+    next_ = 0;
+    end_ = count > 0 ? static_cast<size_t>(count) : 0;
+    return count > 0;
+}
+
+bool TextFile::ReadPiece(char *line, size_t size) {
+    size_t length = 0;
+    while (length < size - 1 && (next_ < end_ || ReadBlock())) {
+        const size_t most = std::min(end_ - next_, size - 1 - length);
+        const char *from = block_ + next_;
+        const char *lineEnd = static_cast<const char *>(memchr(from, '\n', most));
+        const size_t count = lineEnd ? static_cast<size_t>(lineEnd + 1 - from) : most;
+        memcpy(line + length, from, count);
+        next_ += count;
+        length += count;
+        if (lineEnd) {
+            break;
+        }
+    }
+    line[length] = '\0';
+    return length > 0 && !failed_;
+}

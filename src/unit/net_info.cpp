@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/owners.h"
+#include "common/address.h"
 #include "common/text.h"
 #include "common/text_file.h"
 #include "frame/message.h"
@@ -30,28 +30,21 @@ enum class MacForm { kHex, kHexLower, kColon, kRaw };
 
 enum class AddressForm { kText, kPadded, kRaw };
 
-// Asks the kernel for one fact of `device`. Returns 0, or -1 with errno set; a socket that can't be
-// had is reported here and leaves errno 0.
-static int QueryInterface(unsigned long code, const char *device, ifreq *request,
-                          const char *function) {
-    const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock) {
-        TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %s\n", strerror(errno));
-        errno = 0;
-        return -1;
-    }
-    *request = {};
-    CopyText(request->ifr_name, device);
-    return ioctl(sock.get(), code, request);
+// Two hexadecimal digits and a terminator.
+static void WritePair(uint8_t byte, MacForm form, char *out) {
+    const char *digits = form == MacForm::kHexLower ? "0123456789abcdef" : "0123456789ABCDEF";
+    out[0] = digits[byte >> 4];
+    out[1] = digits[byte & 15];
+    out[2] = '\0';
 }
 
 // Joins the bytes from `start` on. A colon follows a byte while its index is below 5 - start: right
-// for whole addresses; the shorter forms have always ended after their second or first byte, and
-// what stands behind is text beyond the terminator.
+// for whole addresses; readers of the shorter forms know them to end after their second or first
+// byte, and what stands behind is text beyond the terminator.
 static void WriteColonForm(const HardwareAddress &mac, size_t start, char *out) {
     for (size_t i = start; i < kMacSize; ++i) {
         char *pair = out + (i - start) * 3;
-        snprintf(pair, 3, "%02X", mac[i]);
+        WritePair(mac[i], MacForm::kColon, pair);
         if (i + start < kMacSize - 1) {
             memcpy(pair + 2, ":", 2);
         }
@@ -69,7 +62,7 @@ static void WriteMac(const HardwareAddress &mac, MacForm form, size_t start, voi
         return;
     }
     for (size_t i = start; i < kMacSize; ++i) {
-        snprintf(out + (i - start) * 2, 3, form == MacForm::kHexLower ? "%02x" : "%02X", mac[i]);
+        WritePair(mac[i], form, out + (i - start) * 2);
     }
 }
 
@@ -79,7 +72,7 @@ static void WriteAddress(in_addr address, AddressForm form, void *output) {
     char *out = static_cast<char *>(output);
     switch (form) {
         case AddressForm::kText:
-            inet_ntop(AF_INET, &address, out, INET_ADDRSTRLEN);
+            WriteDottedAddress(address, out);
             break;
         case AddressForm::kPadded:
             snprintf(out, sizeof kNoAddressText, "%03d.%03d.%03d.%03d", bytes[0], bytes[1],
@@ -134,6 +127,22 @@ const char *COM_ConvertNetDevName(const char *name) {
     return kDefaultDevice;
 }
 
+int unit::FactSource::Request(unsigned long code, const char *device, ifreq *request,
+                              const char *function) {
+    if (lent_ < 0 && !own_) {
+        own_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (!own_) {
+            TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %s\n",
+                       strerror(errno));
+            errno = 0;
+            return -1;
+        }
+    }
+    *request = {};
+    CopyText(request->ifr_name, device);
+    return ioctl(lent_ < 0 ? own_.get() : lent_, code, request);
+}
+
 // The index of the first byte that a MAC selector shows.
 static size_t FirstMacByte(int selector) {
     switch (selector) {
@@ -158,14 +167,15 @@ static size_t FirstMacByte(int selector) {
     }
 }
 
-int COM_GetMAC(int selector, const char *device, void *output) {
+static int GetMac(unit::FactSource &facts, int selector, const char *device, void *output) {
+    static constexpr MessageOrigin kOrigin{kSource, "COM_GetMAC"};
     ifreq request;
     HardwareAddress mac{};
-    const int result = QueryInterface(SIOCGIFHWADDR, device, &request, __func__);
+    const int result = facts.Request(SIOCGIFHWADDR, device, &request, kOrigin.function);
     if (result == 0) {
         memcpy(mac.data(), request.ifr_hwaddr.sa_data, kMacSize);
     } else if (errno != 0) {
-        TQ_LOG("ioctl() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "ioctl() error : %s\n", strerror(errno));
     }
     const MacForm form = selector >= NETINFO_MAC_RAW         ? MacForm::kRaw
                          : selector >= NETINFO_MAC_COLON     ? MacForm::kColon
@@ -213,22 +223,24 @@ int COM_GetArpMAC(int selector, const char *address, void *output) {
     return -1;
 }
 
-int COM_SubGetNetInfo(int selector, const char *device, void *output) {
+static int GetAddress(unit::FactSource &facts, int selector, const char *device, void *output) {
+    static constexpr MessageOrigin kOrigin{kSource, "COM_SubGetNetInfo"};
     static constexpr unsigned long kRequests[] = {SIOCGIFADDR, SIOCGIFBRDADDR, SIOCGIFNETMASK};
     static constexpr AddressForm kForms[] = {AddressForm::kText, AddressForm::kPadded,
                                              AddressForm::kRaw};
     if (selector < NETINFO_IP_STR || selector > NETINFO_NETMASK_RAW) {
-        TQ_LOG("flag(%d) not implemented.\n", selector);
+        TQ_LOG_FOR(kOrigin, "flag(%d) not implemented.\n", selector);
         return -1;
     }
     const size_t index = static_cast<size_t>(selector - NETINFO_IP_STR);
     const unsigned long code = kRequests[index / 3];
     const AddressForm form = kForms[index % 3];
     ifreq request;
-    if (QueryInterface(code, device, &request, __func__) != 0) {
+    if (facts.Request(code, device, &request, kOrigin.function) != 0) {
         // An interface without an address is nothing to report.
         if (errno != 0 && errno != EADDRNOTAVAIL) {
-            TQ_LOG("ioctl(%d:%s) error : %s\n", static_cast<int>(code), device, strerror(errno));
+            TQ_LOG_FOR(kOrigin, "ioctl(%d:%s) error : %s\n", static_cast<int>(code), device,
+                       strerror(errno));
         }
         WriteNoAddress(form, output);
         return -1;
@@ -328,11 +340,12 @@ int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
     return 0;
 }
 
-int COM_GetMTU(int /*selector*/, const char *device, void *output) {
+static int GetMtu(unit::FactSource &facts, const char *device, void *output) {
+    static constexpr MessageOrigin kOrigin{kSource, "COM_GetMTU"};
     ifreq request;
-    if (QueryInterface(SIOCGIFMTU, device, &request, __func__) != 0) {
+    if (facts.Request(SIOCGIFMTU, device, &request, kOrigin.function) != 0) {
         if (errno != 0) {
-            TQ_LOG("ioctl() error : %s\n", strerror(errno));
+            TQ_LOG_FOR(kOrigin, "ioctl() error : %s\n", strerror(errno));
         }
         return -1;
     }
@@ -341,16 +354,31 @@ int COM_GetMTU(int /*selector*/, const char *device, void *output) {
     return 0;
 }
 
-int COM_GetNetInfo(int selector, const char *device, void *output) {
+int COM_GetMAC(int selector, const char *device, void *output) {
+    unit::FactSource facts;
+    return GetMac(facts, selector, device, output);
+}
+
+int COM_SubGetNetInfo(int selector, const char *device, void *output) {
+    unit::FactSource facts;
+    return GetAddress(facts, selector, device, output);
+}
+
+int COM_GetMTU(int /*selector*/, const char *device, void *output) {
+    unit::FactSource facts;
+    return GetMtu(facts, device, output);
+}
+
+int unit::FactSource::Get(int selector, const char *device, void *output) {
     device = COM_ConvertNetDevName(device);
     if (selector >= NETINFO_MAC_HEX && selector <= NETINFO_MAC_RAW_LAST2) {
-        return COM_GetMAC(selector, device, output);
+        return GetMac(*this, selector, device, output);
     }
     if (selector >= NETINFO_ARP_MAC_HEX && selector <= NETINFO_ARP_MAC_RAW_LAST2) {
         return COM_GetArpMAC(selector, device, output);
     }
     if (selector >= NETINFO_IP_STR && selector <= NETINFO_NETMASK_RAW) {
-        return COM_SubGetNetInfo(selector, device, output);
+        return GetAddress(*this, selector, device, output);
     }
     if (selector >= NETINFO_GATEWAY_STR && selector <= NETINFO_GATEWAY_RAW) {
         return COM_SubGetGateway(selector, device, output);
@@ -359,9 +387,14 @@ int COM_GetNetInfo(int selector, const char *device, void *output) {
         return COM_SubGetDNS(selector, device, output);
     }
     if (selector == NETINFO_MTU) {
-        return COM_GetMTU(selector, device, output);
+        return GetMtu(*this, device, output);
     }
     memcpy(output, "unknown", sizeof "unknown");
-    TQ_LOG("flag(%d) not implemented yet.\n", selector);
+    TQ_LOG_FOR((MessageOrigin{kSource, "COM_GetNetInfo"}), "flag(%d) not implemented yet.\n",
+               selector);
     return -1;
+}
+
+int COM_GetNetInfo(int selector, const char *device, void *output) {
+    return unit::FactSource().Get(selector, device, output);
 }

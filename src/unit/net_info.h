@@ -1,6 +1,10 @@
 // Facts about a network interface: addresses, default gateway, name servers, MAC, MTU.
 #pragma once
 
+#include <net/if.h>
+
+#include "common/owners.h"
+
 // Which fact COM_GetNetInfo returns, and in which form. Texts are terminated; the output must hold
 // 24 bytes for a MAC text, 16 for an address text, 6 for a raw MAC, 4 for a raw address (network
 // order) or the MTU. LASTn forms begin n bytes before the MAC's end. PADDED is "%03d" four times.
@@ -71,3 +75,26 @@ int COM_SubGetNetInfo(int selector, const char *device, void *output);
 int COM_SubGetGateway(int selector, const char *device, void *output);
 int COM_SubGetDNS(int selector, const char *device, void *output);
 int COM_GetMTU(int selector, const char *device, void *output);
+
+namespace unit {
+
+// Where several facts are fetched one after the other: the interface requests go through one IPv4
+// datagram socket, which is lent or, if none is, opened at the first of them.
+class FactSource {
+  public:
+    // `lent` must outlive the object; negative for none.
+    explicit FactSource(int lent = -1) : lent_(lent) {}
+
+    // As COM_GetNetInfo.
+    int Get(int selector, const char *device, void *output);
+
+    // Asks the kernel for one fact of `device`. Returns 0, or -1 with errno set; a socket that
+    // can't be had is reported here, in the name of `function`, and leaves errno 0.
+    int Request(unsigned long code, const char *device, ifreq *request, const char *function);
+
+  private:
+    int lent_;
+    UniqueFd own_;
+};
+
+}  // namespace unit

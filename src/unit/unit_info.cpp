@@ -12,26 +12,29 @@ static int RoomFrom(const UnitInfo *record, const char *field) {
     return static_cast<int>(reinterpret_cast<const char *>(record + 1) - field);
 }
 
-int COM_GetUnitInfo(UnitInfo *record, const char *device) {
+int unit::FillUnitInfo(UnitInfo *record, const char *device, FactSource &facts) {
     const char *name = COM_ConvertNetDevName(device);
     CopyText(record->dev, name);
     int result = 0;
-    result +=
-        unit::AppendModelName(record->model, sizeof record->model, RoomFrom(record, record->model));
-    result +=
-        unit::AppendProjName(record->proj, sizeof record->proj, RoomFrom(record, record->proj));
+    result += AppendModelName(record->model, sizeof record->model, RoomFrom(record, record->model));
+    result += AppendProjName(record->proj, sizeof record->proj, RoomFrom(record, record->proj));
     result += COM_GetUnitName(record->name, sizeof record->name);
-    result += COM_GetNetInfo(NETINFO_IP_STR, name, record->ip);
-    result += unit::AppendTriggerPort(record->trigger_port, sizeof record->trigger_port,
-                                      RoomFrom(record, record->trigger_port));
-    result += COM_GetNetInfo(NETINFO_NETMASK_STR, name, record->netmask);
-    result += COM_GetNetInfo(NETINFO_GATEWAY_STR, name, record->gateway);
-    result += COM_GetNetInfo(NETINFO_DNS1_STR, name, record->dns);
-    result += COM_GetNetInfo(NETINFO_MAC_COLON, name, record->mac);
+    result += facts.Get(NETINFO_IP_STR, name, record->ip);
+    result += AppendTriggerPort(record->trigger_port, sizeof record->trigger_port,
+                                RoomFrom(record, record->trigger_port));
+    result += facts.Get(NETINFO_NETMASK_STR, name, record->netmask);
+    result += facts.Get(NETINFO_GATEWAY_STR, name, record->gateway);
+    result += facts.Get(NETINFO_DNS1_STR, name, record->dns);
+    result += facts.Get(NETINFO_MAC_COLON, name, record->mac);
     // The note is compared with nothing, so it need not run on into the number behind it.
     result += COM_GetNote(record->note, sizeof record->note);
-    result += COM_GetNetInfo(NETINFO_MTU, name, &record->mtu);
+    result += facts.Get(NETINFO_MTU, name, &record->mtu);
     return result;
+}
+
+int COM_GetUnitInfo(UnitInfo *record, const char *device) {
+    unit::FactSource facts;
+    return unit::FillUnitInfo(record, device, facts);
 }
 
 void COM_ShowAllUnitInfo(int count, const UnitInfo *records) {

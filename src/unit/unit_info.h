@@ -24,6 +24,15 @@ struct UnitInfo {
 // results of all lookups: 0 when all succeeded, else minus the number that failed.
 int COM_GetUnitInfo(UnitInfo *record, const char *device);
 
+namespace unit {
+
+class FactSource;
+
+// The same through a source of the caller's.
+int FillUnitInfo(UnitInfo *record, const char *device, FactSource &facts);
+
+}  // namespace unit
+
 // Prints "[i/count]" and the fields of each record.
 void COM_ShowAllUnitInfo(int count, const UnitInfo *records);
 

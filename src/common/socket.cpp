@@ -11,6 +11,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
+static constexpr int64_t kMicroseconds = 1000000;  // of a second
 
 int COM_SetSocketTimeout(int sock, int seconds) {
     const timeval limit{seconds, 0};
@@ -27,19 +28,28 @@ int COM_SetSocketTimeout(int sock, int seconds) {
 
 int WaitForSocket(int sock, short events, timeval *remaining) {
     pollfd wanted{sock, events, 0};
-    if (!remaining) {
-        return ppoll(&wanted, 1, nullptr, nullptr);
-    }
-    const int64_t limit = int64_t{remaining->tv_sec} * 1000000 + remaining->tv_usec;
-    const timespec wait{remaining->tv_sec, remaining->tv_usec * 1000};
     const int64_t start = MonotonicMicroseconds();
-    const int ready = ppoll(&wanted, 1, &wait, nullptr);
-    const int error = errno;
-    const int64_t left = ready == 0 ? 0 : limit - (MonotonicMicroseconds() - start);
-    remaining->tv_sec = left > 0 ? static_cast<time_t>(left / 1000000) : 0;
-    remaining->tv_usec = left > 0 ? static_cast<suseconds_t>(left % 1000000) : 0;
-    errno = error;
+    const int64_t limit =
+        remaining ? int64_t{remaining->tv_sec} * kMicroseconds + remaining->tv_usec : 0;
+    int64_t left = limit;
+    int ready;
+    do {
+        const timespec wait{static_cast<time_t>(left / kMicroseconds),
+                            static_cast<long>(left % kMicroseconds) * 1000};
+        ready = ppoll(&wanted, 1, remaining ? &wait : nullptr, nullptr);
+        const int64_t used = MonotonicMicroseconds() - start;
+        left = ready == 0 || used >= limit ? 0 : limit - used;
+    } while (ready == -1 && errno == EINTR);
+    if (remaining) {
+        remaining->tv_sec = static_cast<time_t>(left / kMicroseconds);
+        remaining->tv_usec = static_cast<suseconds_t>(left % kMicroseconds);
+    }
     return ready;
+}
+
+void KeepPortToOneself(int sock) {
+    const int off = 0;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &off, sizeof off);
 }
 
 sockaddr_in InternetAddress(in_addr_t address, uint16_t port) {

@@ -8,9 +8,13 @@
 int COM_SetSocketTimeout(int sock, int seconds);
 
 // Waits for poll `events` on a descriptor, at most *remaining, from which the time used is taken
-// off; a null `remaining` waits for ever. Returns 1 when ready, 0 when the time is over, -1 with
-// errno set.
+// off; a null `remaining` waits for ever, and a signal ends no wait. Returns 1 when ready, 0 when
+// the time is over, -1 with errno set.
 int WaitForSocket(int sock, short events, timeval *remaining);
+
+// Takes SO_REUSEADDR back from a bound socket: a local user who binds the port at one address of
+// this unit's would get all that is sent to that address.
+void KeepPortToOneself(int sock);
 
 // The address of an IPv4 endpoint; `address` in network order, `port` in the machine's.
 sockaddr_in InternetAddress(in_addr_t address, uint16_t port);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/owners.h"
 #include "common/socket.h"
 #include "unit/net_info.h"
 
@@ -29,9 +30,25 @@ bool OpenKirvexSocket(int *sock, const char *device, bool broadcast, const Messa
            (!broadcast || SetOption(*sock, SO_BROADCAST, &on, sizeof on, origin));
 }
 
+bool IsBroadcast(const char *device, const sockaddr_in &peer) {
+    const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    setsockopt(probe.get(), SOL_SOCKET, SO_BINDTODEVICE, device,
+               static_cast<socklen_t>(strlen(device)));
+    // The kernel knows the broadcast addresses of all subnets, and this socket may not use any.
+    return connect(probe.get(), AsSockaddr(peer), sizeof peer) == -1 && errno == EACCES;
+}
+
+void WidenSendBuffer(int sock) {
+    static constexpr int kSize = 2 << 20;  // the kernel takes it twice
+    if (setsockopt(sock, SOL_SOCKET, SO_SNDBUFFORCE, &kSize, sizeof kSize) == -1) {
+        setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &kSize, sizeof kSize);
+    }
+}
+
 int SendPacket(int sock, const sockaddr_in &peer, const uint8_t *packet, size_t size,
                const MessageOrigin &origin) {
-    if (sendto(sock, packet, size, MSG_NOSIGNAL, AsSockaddr(peer), sizeof peer) == -1) {
+    if (sendto(sock, packet, size, MSG_NOSIGNAL | MSG_DONTWAIT, AsSockaddr(peer), sizeof peer) ==
+        -1) {
         TQ_LOG_FOR(origin, "sendto error: %s\n", strerror(errno));
         return -1;
     }

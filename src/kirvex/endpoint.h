@@ -13,7 +13,14 @@
 // a message on failure; *sock may be open all the same.
 bool OpenKirvexSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin);
 
-// Sends a packet. Returns 0, or -1 with a message.
+// Gives the replies that wait for the hardware addresses of their requesters as much room as the
+// system allows, up to 4 MB: requests from stations that don't exist must not leave others without.
+void WidenSendBuffer(int sock);
+
+// Whether what is sent to `peer` through an interface goes to a whole subnet.
+bool IsBroadcast(const char *device, const sockaddr_in &peer);
+
+// Sends a packet, without waiting for room. Returns 0, or -1 with a message.
 int SendPacket(int sock, const sockaddr_in &peer, const uint8_t *packet, size_t size,
                const MessageOrigin &origin);
 

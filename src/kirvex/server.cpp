@@ -29,6 +29,8 @@ int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockad
         TQ_LOG("bind error: %s\n", strerror(errno));
         return -1;
     }
+    KeepPortToOneself(*sock);
+    WidenSendBuffer(*sock);
     return 0;
 }
 
@@ -108,6 +110,9 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
             TQ_LOG("recvfrom() failed! : %s\n", strerror(errno));
             continue;
         }
-        KIRVEX_ParserPkt(name, sock.get(), sender, packet);
+        // Nobody asks from such an address, and the answer would go to everybody.
+        if (!IsBroadcast(name, sender)) {
+            KIRVEX_ParserPkt(name, sock.get(), sender, packet);
+        }
     }
 }

@@ -97,3 +97,47 @@ TEST(KirvexServer, ServesItsInterfaceOnly) {
               Said("KIRVEX_CreateUDPRecvAnyAddrSocket", "setsockopt error: No such device\n") +
                   Said("TQ_Server_KIRVEX", "Create KIRVEX UDP Socket port 62976 failed!\n"));
 }
+
+TEST(KirvexServer, SharesItsPortAndItsAnswersWithNobody) {
+    const Server server;
+    const int on = 1;
+    const UniqueFd listener(socket(AF_INET, SOCK_DGRAM, 0));
+    const sockaddr_in unit = InternetAddress(inet_addr("192.168.1.20"), 62976);
+    setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    EXPECT_EQ(bind(listener.get(), AsSockaddr(unit), sizeof unit), -1);
+
+    // A station whose address is the others' broadcast address.
+    EXPECT_EQ(Ask(Header(0xA5)).size(), 22u);
+    Shell(
+        "ip -n lan address flush lan0 && ip -n lan address add 192.168.1.30/25 dev lan0 &&"
+        "ip -n lan address add 192.168.1.255/32 dev lan0");
+    const UniqueFd sock(OnLan([] { return socket(AF_INET, SOCK_DGRAM, 0); }));
+    const sockaddr_in everybody = InternetAddress(inet_addr("192.168.1.255"), 5000);
+    EXPECT_EQ(bind(sock.get(), AsSockaddr(everybody), sizeof everybody), 0);
+    const std::string request = Header(0xA5);
+    EXPECT_EQ(sendto(sock.get(), request.data(), request.size(), 0, AsSockaddr(unit), sizeof unit),
+              22);
+    EXPECT_EQ(Ask(Header(0xA1)).size(), 334u);
+    char reply[32];
+    EXPECT_EQ(recv(sock.get(), reply, sizeof reply, MSG_DONTWAIT), -1);
+}
+
+// Replies to stations that don't exist wait for their hardware addresses, and nobody for them.
+TEST(KirvexServer, AnswersBesideAFloodFromNobody) {
+    const Server server;
+    EXPECT_EQ(Ask(Header(0xA5)).size(), 22u);
+    Shell("ip -n lan route add local 10.7.0.0/16 dev lo && ip route add 10.7.0.0/16 dev eth0");
+    OnLan([] { return WriteFile("/proc/sys/net/ipv4/conf/lan0/arp_ignore", "1"), 0; });
+    const sockaddr_in unit = InternetAddress(inet_addr("192.168.1.20"), 62976);
+    const std::string search = Header(0xA1);
+    for (int i = 0; i < 400; ++i) {
+        const UniqueFd sock(OnLan([] { return socket(AF_INET, SOCK_DGRAM, 0); }));
+        const sockaddr_in nobody = InternetAddress(htonl(0x0A070000 + i), 5000);
+        EXPECT_EQ(bind(sock.get(), AsSockaddr(nobody), sizeof nobody), 0);
+        sendto(sock.get(), search.data(), search.size(), 0, AsSockaddr(unit), sizeof unit);
+        usleep(3000);
+    }
+    const time_t start = time(nullptr);
+    EXPECT_EQ(Ask(Header(0xA5)).size(), 22u);
+    EXPECT_LE(time(nullptr) - start, 1);
+}

@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,15 +22,15 @@
 #include "unit/interfaces.h"
 
 static constexpr char kSource[] = "TQ";
-static constexpr timeval kWait{0, 200000};
+static constexpr int64_t kWait = 200000;  // microseconds
 static constexpr int kEmptyWaits = 4;
 static constexpr int kQueries = 2;
 static constexpr size_t kReplySize = 4096;
 
-// What a LAN may send before a collection ends all the same: no crowd of units comes near either,
+// What a LAN may send before a collection ends all the same: a thousand units come near neither,
 // but a sender that never pauses must not hold the server for ever, nor all of a board's memory.
 static constexpr int kMostRecords = 16384;
-static constexpr time_t kLongestCollection = 30;  // seconds
+static constexpr int64_t kLongestCollection = 5000000;  // microseconds
 
 // A crowd of units answers all at once, while the query's own socket is still being closed; what
 // the kernel's usual queue of some 200 datagrams has no room for is lost.
@@ -54,21 +55,39 @@ int TQ_SortUnitInfo(const void *a, const void *b) {
     return -strcmp(static_cast<const UnitInfo *>(a)->mac, static_cast<const UnitInfo *>(b)->mac);
 }
 
-// Receives one datagram and appends its record when it is one to keep. Returns how many were.
-static int ReceiveRecord(int sock, UnitInfo **list, int count, const char *filter,
-                         uint32_t network) {
+namespace {
+
+// One collection: what is wanted, and what has been heard of it.
+struct Collection {
+    const char *filter;
+    uint32_t network;
+    UnitInfo **list;
+    int count = 0;
+    int emptyWaits = 0;
+
+    void Listen(int sock, int64_t end);
+    bool Receive(int sock);
+};
+
+}  // namespace
+
+// Receives one datagram and appends its record when it is one to keep. Returns whether it was the
+// record of a unit at all.
+bool Collection::Receive(int sock) {
     char reply[kReplySize];
-    const ssize_t length = recv(sock, reply, sizeof reply, 0);
+    const ssize_t length = recv(sock, reply, sizeof reply, MSG_DONTWAIT);
     if (length < 0) {
-        return 0;
+        return false;
     }
     UnitInfo record{};
     if (discovery::ParseReceived({reply, static_cast<size_t>(length)}, &record) !=
-            TQ_PACKAGE_UNIT_INFO ||
-        !TQ_Filter(&record, filter, network)) {
-        return 0;
+        TQ_PACKAGE_UNIT_INFO) {
+        return false;
     }
-    return AppendRecord(list, count, record) ? 1 : 0;
+    if (TQ_Filter(&record, filter, network) && AppendRecord(list, count, record)) {
+        ++count;
+    }
+    return true;
 }
 
 // Without the right to a queue of any length, as long a one as the system allows has to do.
@@ -76,6 +95,23 @@ static void LengthenQueue(int sock) {
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &kReplyQueueSize, sizeof kReplyQueueSize) ==
         -1) {
         setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &kReplyQueueSize, sizeof kReplyQueueSize);
+    }
+}
+
+// Listens until the last empty wait, or until `end`.
+void Collection::Listen(int sock, int64_t end) {
+    int64_t now = MonotonicMicroseconds();
+    int64_t waitEnd = now + kWait;
+    for (; emptyWaits < kEmptyWaits && count < kMostRecords && now < end;
+         now = MonotonicMicroseconds()) {
+        timeval wait{0, static_cast<suseconds_t>(std::max<int64_t>(waitEnd - now, 0))};
+        const bool inTime = timerisset(&wait) && WaitForSocket(sock, POLLIN, &wait) == 1;
+        emptyWaits += inTime ? 0 : 1;
+        // Only a unit's record, or an empty wait, begins a wait anew: else a trickle of anything
+        // could hold a collection open.
+        if (!inTime || Receive(sock)) {
+            waitEnd = MonotonicMicroseconds() + kWait;
+        }
     }
 }
 
@@ -87,26 +123,15 @@ int TQ_SubGetAllUnit(const char *device, UnitInfo **list, const char *filter, ui
         return 0;
     }
     LengthenQueue(sock.get());
-    int count = 0;
-    // Counted over both queries: the first listens until the last empty wait, the second is sent
-    // for whoever listens next, which is the second collection.
-    int emptyWaits = 0;
-    const int64_t end = MonotonicSeconds() + kLongestCollection;
+    // The empty waits are counted over both queries: the first listens until the last of them, the
+    // second is sent for whoever listens next, which is the second collection.
+    Collection collection{filter, network, list};
+    const int64_t end = MonotonicMicroseconds() + kLongestCollection;
     for (int query = 0; query < kQueries; ++query) {
         TQ_SendPackage(device, TQ_PACKAGE_QUERY, TQ_SERVER_PORT);
-        while (emptyWaits < kEmptyWaits) {
-            timeval wait = kWait;
-            if (WaitForSocket(sock.get(), POLLIN, &wait) < 1) {
-                ++emptyWaits;
-                continue;
-            }
-            count += ReceiveRecord(sock.get(), list, count, filter, network);
-            if (count >= kMostRecords || MonotonicSeconds() > end) {
-                emptyWaits = kEmptyWaits;
-            }
-        }
+        collection.Listen(sock.get(), end);
     }
-    return count;
+    return collection.count;
 }
 
 // Appends to *list the first repeat of each MAC in a sorted array: what was heard only once is

@@ -7,38 +7,35 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
-#include "common/base64.h"
-#include "common/buffer.h"
 #include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
 #include "config/network_setup.h"
 #include "config/process.h"
 #include "discovery/announce.h"
-#include "discovery/client.h"
+#include "discovery/connections.h"
+#include "discovery/list_reply.h"
 #include "discovery/receiver.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
 static constexpr MessageOrigin kOrigin{kSource, "TQ_Server_MORA"};
 
-// A list request always reports this unit as it is on its first interface.
-static constexpr char kListDevice[] = "eth0";
-
-// How long a TCP client may keep the server waiting, for its request and again for its reading.
+// How long a TCP client may keep the server waiting for its reading.
 static constexpr int kClientSeconds = 5;
 
 // The longest request that is read.
 static constexpr size_t kMessageSize = 16384;
 
-namespace {
+// What an interface that is not there, or that has no hardware address, says of itself.
+static constexpr char kNoMac[] = "00:00:00:00:00:00";
 
-// A reply to a list request: Base64 text, or nothing when there was no memory.
-struct ListReply {
-    HeapBlock<char> text;
-    size_t length = 0;
-};
+using discovery::ListReply;
+using discovery::WaitingConnections;
+
+namespace {
 
 class NativeServer {
   public:
@@ -49,7 +46,8 @@ class NativeServer {
     void ServeNext();
 
   private:
-    bool ServeConnection();
+    UniqueFd Accept();
+    void ServeConnection(UniqueFd connection);
     void AnswerListRequest(int connection);
     void ServeDatagram();
     void AnswerListRequest(const sockaddr_in &asker);
@@ -62,6 +60,7 @@ class NativeServer {
     TQ_Cfg *cfg_;
     UniqueFd listener_;
     UniqueFd udp_;
+    WaitingConnections waiting_;
     // This unit on the interface that a setup package names. It is zeroed only here: every filling
     // after the first appends the identity files' texts once more, so only the first setup package
     // that gets so far can match (of a unit with such files). A second one needs a restart, and
@@ -89,7 +88,7 @@ void NativeServer::OpenListener() {
         return;
     }
     TQ_LOG_FOR(kOrigin, "Listen TCP/IP (fd = %d)\n", sock.get());
-    listener_ = static_cast<UniqueFd &&>(sock);
+    listener_ = std::move(sock);
 }
 
 void NativeServer::OpenUdpSocket() {
@@ -99,61 +98,34 @@ void NativeServer::OpenUdpSocket() {
         udp_.reset();
         return;
     }
+    KeepPortToOneself(udp_.get());
     TQ_LOG_FOR(kOrigin, "Create UDP Socket (fd = %d)\n", udp_.get());
 }
 
 // A socket that is missing never becomes readable: poll passes over a negative descriptor.
 void NativeServer::ServeNext() {
-    pollfd sockets[] = {{listener_.get(), POLLIN, 0}, {udp_.get(), POLLIN, 0}};
-    if (poll(sockets, 2, -1) < 1) {
+    std::array<pollfd, 2 + WaitingConnections::kMost> sockets;
+    const WaitingConnections::PollSet waiting(&sockets[2], WaitingConnections::kMost);
+    sockets[0] = {listener_.get(), POLLIN, 0};
+    sockets[1] = {udp_.get(), POLLIN, 0};
+    waiting_.Watch(waiting);
+    if (poll(sockets.data(), sockets.size(), waiting_.TimeLeft()) == -1) {
         return;
     }
-    if (sockets[0].revents != 0 && ServeConnection()) {
-        return;
+    waiting_.DropOverdue(waiting);
+    UniqueFd connection = waiting_.TakeReady(waiting);
+    if (!connection && sockets[0].revents != 0) {
+        connection = Accept();
     }
-    if (sockets[1].revents != 0) {
+    const bool served = static_cast<bool>(connection);
+    if (served) {
+        ServeConnection(std::move(connection));
+    }
+    // Each connection is followed by one datagram, which may have come in meanwhile: nobody's
+    // connections, however many, keep the others' datagrams waiting.
+    if (sockets[1].revents != 0 || (served && udp_)) {
         ServeDatagram();
     }
-}
-
-// Appends the own record to the list and encodes the texts of all. The list grows by one.
-static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own) {
-    ListReply reply;
-    if (!AppendRecord(list, count, own)) {
-        return reply;
-    }
-    const size_t records = static_cast<size_t>(count) + 1;
-    const HeapBlock<char> texts = ZeroedBlock(records * discovery::kUnitTextSize);
-    if (!texts) {
-        return reply;
-    }
-    size_t length = 0;
-    for (size_t i = 0; i < records; ++i) {
-        length += discovery::WriteUnitText(TQ_PACKAGE_UNIT_INFO, (*list)[i], texts.get() + length);
-    }
-    reply.text = ZeroedBlock(Base64TextSize(length));
-    if (reply.text) {
-        reply.length = discovery::EncodeTexts({texts.get(), length}, reply.text.get());
-    }
-    return reply;
-}
-
-// Discovers the LAN and builds the reply. Returns an empty one, with a message, when nobody is
-// there; `logCount` reports how many are.
-static ListReply DiscoverForList(void (*logCount)(int count)) {
-    UnitInfo own{};
-    COM_GetUnitInfo(&own, kListDevice);
-    UnitInfo *list = nullptr;
-    const int count = TQ_GetAllUnit(nullptr, &list, nullptr, 0);
-    ListReply reply;
-    if (count < 1) {
-        TQ_LOG_FOR(kOrigin, "No devices found (%d)\n", count);
-    } else {
-        logCount(count);
-        reply = BuildListReply(&list, count, own);
-    }
-    free(list);
-    return reply;
 }
 
 // Sends all of a reply. A client that does not read is given up once the waits for it have come to
@@ -168,7 +140,7 @@ static void SendAll(int connection, const ListReply &reply) {
         if (ready == 0) {
             errno = EAGAIN;
         } else if (ready > 0) {
-            sent = send(connection, next, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+            sent = send(connection, next, left, MSG_NOSIGNAL);
         }
         if (sent < 0) {
             TQ_LOG_FOR(kOrigin, "send(%d) error : %s\n", static_cast<int>(left), strerror(errno));
@@ -181,40 +153,45 @@ static void SendAll(int connection, const ListReply &reply) {
 
 void NativeServer::AnswerListRequest(int connection) {
     TQ_LOG_FOR(kOrigin, "Client used TCP/IP function to connect server\n");
-    SendAll(connection, DiscoverForList([](int count) {
+    SendAll(connection, discovery::DiscoverForList([](int count) {
                 TQ_LOG_FOR(kOrigin, "result_device = %d(not include me)\n", count);
             }));
 }
 
-// Returns false when there was no connection to be had.
-bool NativeServer::ServeConnection() {
-    const UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+UniqueFd NativeServer::Accept() {
+    UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!connection) {
         // Out of descriptors or memory, the connection stays in the queue and the listener
         // readable.
         static constexpr timespec kPause{0, 10000000};
         COM_TakeABreak(kPause, 1000);
-        return false;
     }
-    COM_SetSocketTimeout(connection.get(), kClientSeconds);
+    return connection;
+}
+
+// One read is all of a request. Before that, the connection waits with the others.
+void NativeServer::ServeConnection(UniqueFd connection) {
     const ssize_t length = recv(connection.get(), message_, sizeof message_, MSG_NOSIGNAL);
+    if (length < 0 && errno == EAGAIN) {
+        waiting_.Add(std::move(connection));
+        return;
+    }
     if (length < 0) {
         TQ_LOG_FOR(kOrigin, "recv() error : %s\n", strerror(errno));
     }
     if (length < 1) {
-        return true;
+        return;
     }
     UnitInfo request{};
     if (Parse(length, &request) == TQ_PACKAGE_LIST_REQUEST) {
         AnswerListRequest(connection.get());
     }
-    return true;
 }
 
 void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
     TQ_LOG_FOR(kOrigin, "Client used UDP function to connect server\n");
-    const ListReply reply =
-        DiscoverForList([](int count) { TQ_LOG_FOR(kOrigin, "result_device = %d\n", count); });
+    const ListReply reply = discovery::DiscoverForList(
+        [](int count) { TQ_LOG_FOR(kOrigin, "result_device = %d\n", count); });
     if (reply.length == 0) {
         return;
     }
@@ -236,7 +213,9 @@ void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
 void NativeServer::SetUpNetwork(const UnitInfo &package) {
     TQ_LOG_FOR(kOrigin, "UDP - TQ_PACKAGE_NETWORK_SETUP [%s]\n", package.note);
     COM_GetUnitInfo(&own_, package.dev);
-    if (TQ_CheckUnitInfo(&own_, &package) == 0) {
+    // Zeros for a hardware address name no unit, but anybody can write them into a package, with a
+    // dev that begins every stanza's.
+    if (strcmp(own_.mac, kNoMac) != 0 && TQ_CheckUnitInfo(&own_, &package) == 0) {
         TQ_SetupNetwork(cfg_, &package);
     }
 }
@@ -244,10 +223,13 @@ void NativeServer::SetUpNetwork(const UnitInfo &package) {
 void NativeServer::ServeDatagram() {
     sockaddr_in asker{};
     socklen_t size = sizeof asker;
-    const ssize_t length = recvfrom(udp_.get(), message_, sizeof message_, MSG_NOSIGNAL,
-                                    reinterpret_cast<sockaddr *>(&asker), &size);
+    const ssize_t length =
+        recvfrom(udp_.get(), message_, sizeof message_, MSG_NOSIGNAL | MSG_DONTWAIT,
+                 reinterpret_cast<sockaddr *>(&asker), &size);
     if (length < 0) {
-        TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %s\n", strerror(errno));
+        if (errno != EAGAIN) {
+            TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %s\n", strerror(errno));
+        }
         return;
     }
     UnitInfo package{};

@@ -176,20 +176,54 @@ def test_thousand_units(net):
     assert_serves(net, host)
 
 
-def test_silent_tcp_client_is_dropped_after_five_seconds(net):
-    host = unit(net)
-    with net.desk.socket(kind=socket.SOCK_STREAM) as silent:
-        silent.connect(("192.168.1.21", SERVER_PORT))
-        time.sleep(0.2)
-        before = time.monotonic()
+def test_clients_that_say_nothing_cost_nobody_anything(net):
+    host, neighbour = unit(net), unit(net, "cam2", "192.168.1.22/24")
+    expected = [["01", *neighbour.record()], ["01", *host.record()]]
+    descriptors = "ls /proc/$(cat /var/run/TQ.pid)/fd | wc -l"
+    at_rest = int(host.run(descriptors))
+    silent = [tcp_request(net, host, b"") for _ in range(40)]
+    opened = time.monotonic()
+    for _ in range(3):
         assert_serves(net, host)
-        assert 4 < time.monotonic() - before < 7
-    assert "recv() error : Resource temporarily unavailable\n" in host.log()
+    assert int(host.run(descriptors)) <= at_rest + 16
+    late = silent.pop()
+    late.sendall(LIST_REQUEST)
+    assert lan.records(read_all(late)) == expected
+    assert lan.records(read_all(tcp_request(net, host))) == expected
+    assert [read_all(client) for client in silent] == [b""] * 39 and 4.5 < time.monotonic() - opened < 10
+    assert host.log().count("recv() error : Resource temporarily unavailable\n") == 39
     reset = tcp_request(net, host)  # a client that asks and is gone before the answer
     reset.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
     reset.close()
     time.sleep(2)
     assert_serves(net, host)
+    assert int(host.run(descriptors)) == at_rest
+
+
+def test_noise_does_not_stretch_a_list_request(net):
+    host = unit(net)
+    unit(net, "cam2", "192.168.1.22/24")
+    stop = threading.Event()
+
+    def trickle(sock):
+        while not stop.wait(0.15):
+            sock.sendto(b"x", ("192.168.1.21", CLIENT_PORT))
+
+    noise = threading.Thread(target=trickle, args=[net.desk.socket()])
+    noise.start()
+    before = time.monotonic()
+    assert len(lan.records(read_all(tcp_request(net, host)))) == 2
+    assert 1.6 < time.monotonic() - before < 3  # four waits of 200 ms, twice
+    stop.set()
+    noise.join()
+
+
+def test_nobody_shares_the_port_of_a_server(net):
+    host = unit(net)
+    with host.socket() as thief:
+        thief.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        with pytest.raises(OSError, match="Address already in use"):
+            thief.bind(("192.168.1.21", SERVER_PORT))
 
 
 OLD = "iface eth0 inet static\n  address 192.168.1.21\n  # dropped with its stanza\n  netmask 255.255.255.0\n\n"
@@ -233,7 +267,8 @@ def test_network_setup(net):
     setup(dhcp, note="dhcp")
     begin("-C", "/etc/tq.conf")
     setup(INTERFACES.replace("iface eth1 inet dhcp", NEW.replace("eth0", "eth1")), dev="eth1", mac=host.macs[1])
-    for changed in ({"name": "cam2"}, {"mac": host.macs[0].lower()}):
+    nobody = {"mac": "00:00:00:00:00:00"}
+    for changed in ({"name": "cam2"}, {"mac": host.macs[0].lower()}, {"dev": "lo", **nobody}, {"dev": "e", **nobody}):
         begin("-C", "/etc/tq.conf")  # a setup for another unit uses up the chance of all that hear it
         setup(INTERFACES, **changed)
         setup(INTERFACES)

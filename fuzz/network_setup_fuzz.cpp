@@ -35,7 +35,7 @@ static void SetUpKirvex(Input &input) {
     std::vector<uint8_t> settings = input.ConsumeBytes<uint8_t>(kx::kSettingsSize);
     settings.resize(kx::kSettingsSize);
     settings.shrink_to_fit();
-    KIRVEX_NetWorkSetup("eth0", settings.data());
+    KIRVEX_NetWorkSetup("eth0", kx::SettingsBlock(settings));
 }
 
 static void ReplaceItems(Input &input) {

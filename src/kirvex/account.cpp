@@ -2,7 +2,9 @@
 
 #include <cstring>
 
+#include "kirvex/credentials.h"
 #include "kirvex/endpoint.h"
+#include "kirvex/own_unit.h"
 #include "kirvex/web_session.h"
 
 static constexpr char kSource[] = "KIRVEX";
@@ -12,19 +14,14 @@ static constexpr char kAccountCharacters[] =
 
 // The four texts of a change request, in the order of their areas.
 enum ChangeArea : size_t { kCurrentAccount, kCurrentPassword, kNewAccount, kNewPassword, kAreas };
-using ChangeCredentials = DecodedCredentials<kAreas>;
-
-bool IsAdministrator(const char *account) {
-    static constexpr char kPrefix[] = "admin";
-    return strncmp(account, kPrefix, sizeof kPrefix - 1) == 0;
-}
+using ChangeCredentials = kx::DecodedCredentials<kAreas>;
 
 int KIRVEX_Reply_UserVerification(const char *device, int sock, const sockaddr_in &sender,
-                                  const uint8_t *request) {
-    KirvexReply reply = StartReply(device, request, kx::kVerificationReplySize);
-    const DecodedCredentials<2> credentials(request);
+                                  kx::Request request) {
+    kx::Reply reply = kx::StartReply(device, request, kx::kVerificationReplySize);
+    const kx::DecodedCredentials<2> credentials(request);
     reply.Set(kx::kUserPrivilege,
-              IsAdministrator(credentials[0]) ? kx::kAdministrator : kx::kOrdinaryUser);
+              kx::IsAdministrator(credentials[0]) ? kx::kAdministrator : kx::kOrdinaryUser);
     return reply.Send(sock, sender, {kSource, __func__});
 }
 
@@ -40,7 +37,7 @@ int KIRVEX_CheckPasswd(const char *text) {
     return CheckCharacters(text, kDigits);
 }
 
-static void Refuse(KirvexReply &reply, uint32_t error) {
+static void Refuse(kx::Reply &reply, uint32_t error) {
     reply.Set(kx::kMode, kx::kFailure);
     reply.Set(kx::kErrorNumber, error);
 }
@@ -51,7 +48,7 @@ static bool FillsArea(const char *text) {
 }
 
 // Refuses texts that can't be those of an account. Returns whether all of them may pass.
-static bool CheckTexts(const ChangeCredentials &texts, KirvexReply &reply) {
+static bool CheckTexts(const ChangeCredentials &texts, kx::Reply &reply) {
     const char *filled = nullptr;
     if (FillsArea(texts[kCurrentAccount])) {
         Refuse(reply, kx::kErrorAccountLength);
@@ -67,37 +64,35 @@ static bool CheckTexts(const ChangeCredentials &texts, KirvexReply &reply) {
         return true;
     }
     if (filled) {
-        reply.packet[kx::kExtension.offset] =
-            static_cast<uint8_t>(filled[ChangeCredentials::kAreaSize - 1]);
+        reply.Set(kx::kExtension, static_cast<uint8_t>(filled[ChangeCredentials::kAreaSize - 1]));
     }
     return false;
 }
 
 // Logs in and submits the change; the session id is the caller's to release.
-static void SubmitChange(const char *port, const WebAccount &current, const WebAccount &changed,
-                         char (&sessionId)[kSessionIdSize], KirvexReply &reply) {
-    if (KIRVEX_AppwebLogin(kWebServerHost, port, current, sessionId, sizeof sessionId) == -1) {
+static void SubmitChange(const char *port, const kx::Account &current, const kx::Account &changed,
+                         char (&sessionId)[kx::kSessionIdSize], kx::Reply &reply) {
+    if (KIRVEX_AppwebLogin(kx::kWebServerHost, port, current, sessionId, sizeof sessionId) == -1) {
         reply.Set(kx::kMode, kx::kFailure);
         return;
     }
-    const int row = KIRVEX_AppWebGetAccountIdx(kWebServerHost, port, current);
+    const int row = KIRVEX_AppWebGetAccountIdx(kx::kWebServerHost, port, current);
     if (row < 0 ||
-        KIRVEX_AppwebChangeIDPwd(kWebServerHost, port, current, changed, row, sessionId) != 0) {
+        KIRVEX_AppwebChangeIDPwd(kx::kWebServerHost, port, current, changed, row, sessionId) != 0) {
         Refuse(reply, kx::kErrorRefused);
     }
 }
 
 int KIRVEX_Reply_ChangeIDPwd(const char *device, int sock, const sockaddr_in &sender,
-                             const uint8_t *request) {
-    KirvexReply reply = StartReply(device, request, kx::kStatusReplySize);
+                             kx::Request request) {
+    kx::Reply reply = kx::StartReply(device, request, kx::kStatusReplySize);
     const ChangeCredentials texts(request);
-    const WebServerPort port = ReadWebServerPort();
-    const WebAccount current{texts[kCurrentAccount], texts[kCurrentPassword]};
-    char sessionId[kSessionIdSize] = {};
+    const kx::WebPort port = kx::ReadWebPort();
+    const kx::Account current = texts.At(kCurrentAccount);
+    char sessionId[kx::kSessionIdSize] = {};
     if (CheckTexts(texts, reply)) {
-        SubmitChange(port.text, current, {texts[kNewAccount], texts[kNewPassword]}, sessionId,
-                     reply);
+        SubmitChange(port.text, current, texts.At(kNewAccount), sessionId, reply);
     }
-    ReleaseWebSession(port.text, current, sessionId, {kSource, __func__});
+    kx::ReleaseWebSession(port.text, current, sessionId, {kSource, __func__});
     return reply.Send(sock, sender, {kSource, __func__});
 }

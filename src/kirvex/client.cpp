@@ -16,8 +16,9 @@
 #include "common/socket.h"
 #include "common/text.h"
 #include "kirvex/endpoint.h"
+#include "kirvex/own_unit.h"
+#include "kirvex/print.h"
 #include "kirvex/request.h"
-#include "kirvex/web_session.h"
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "KIRVEX";
@@ -86,7 +87,9 @@ struct ReceivedReply {
         length = recv(sock, packet, sizeof packet, MSG_TRUNC);
     }
     bool IsReply() const { return Is(kx::kIdentifier, kx::kReplyIdentifier); }
-    bool Is(KirvexField field, uint32_t value) const { return ReadInteger(packet, field) == value; }
+    bool Is(kx::Field field, uint32_t value) const {
+        return kx::ReadInteger(packet, field) == value;
+    }
 };
 
 }  // namespace
@@ -94,17 +97,17 @@ struct ReceivedReply {
 static bool IsSearchReply(const ReceivedReply &reply, const MessageOrigin &origin) {
     if (!reply.IsReply()) {
         TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX reply packet\n",
-                   ReadInteger(reply.packet, kx::kIdentifier));
+                   kx::ReadInteger(reply.packet, kx::kIdentifier));
         return false;
     }
     if (!reply.Is(kx::kOperation, kx::kDevSearch)) {
         TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX Discovery packet\n",
-                   ReadInteger(reply.packet, kx::kOperation));
+                   kx::ReadInteger(reply.packet, kx::kOperation));
         return false;
     }
     if (!reply.Is(kx::kMode, kx::kSuccess)) {
         TQ_LOG_FOR(origin, "retcode[0X%04X] - recvive error packet\n",
-                   ReadInteger(reply.packet, kx::kMode));
+                   kx::ReadInteger(reply.packet, kx::kMode));
         return false;
     }
     return true;
@@ -112,37 +115,36 @@ static bool IsSearchReply(const ReceivedReply &reply, const MessageOrigin &origi
 
 // Copies a text field, which may fill its bytes without a terminator.
 template <size_t kSize>
-static void CopyField(char (&out)[kSize], const uint8_t *packet, KirvexField field) {
+static void CopyField(char (&out)[kSize], kx::AnyReply packet, kx::Field field) {
     static_assert(kSize <= 64, "never more than a text field holds");
-    CopyText(out, reinterpret_cast<const char *>(packet + field.offset));
+    CopyText(out, reinterpret_cast<const char *>(packet.data() + field.offset));
 }
 
-static UnitInfo DescribeUnit(const uint8_t *packet) {
-    const uint8_t *settings = packet + kx::kReplySettings;
+static UnitInfo DescribeUnit(kx::AnyReply packet) {
+    const auto setting = [](kx::SettingsField field) { return field.In(kx::kReplySettings); };
     UnitInfo unit{};
     CopyField(unit.model, packet, kx::kBrandName);
-    CopyField(unit.proj, settings, kx::kCameraName);
-    CopyField(unit.name, settings, kx::kCameraName);
-    CopyText(unit.ip, ReadAddress(settings, kx::kNewAddress).text);
+    CopyField(unit.proj, packet, setting(kx::kCameraName));
+    CopyField(unit.name, packet, setting(kx::kCameraName));
+    CopyText(unit.ip, kx::ReadAddress(packet, setting(kx::kNewAddress)).text);
     snprintf(unit.trigger_port, sizeof unit.trigger_port, "%u",
-             ReadInteger(settings, kx::kWebPort));
-    CopyText(unit.netmask, ReadAddress(settings, kx::kNetmask).text);
-    CopyText(unit.gateway, ReadAddress(settings, kx::kGateway).text);
-    CopyText(unit.dns, ReadAddress(settings, kx::kPrimaryDns).text);
-    CopyText(unit.mac, ReadMac(packet, kx::kBodyMac).text);
+             kx::ReadInteger(packet, setting(kx::kWebPort)));
+    CopyText(unit.netmask, kx::ReadAddress(packet, setting(kx::kNetmask)).text);
+    CopyText(unit.gateway, kx::ReadAddress(packet, setting(kx::kGateway)).text);
+    CopyText(unit.dns, kx::ReadAddress(packet, setting(kx::kPrimaryDns)).text);
+    CopyText(unit.mac, kx::ReadMac(packet, kx::kBodyMac).text);
     return unit;
 }
 
 int KIRVEX_DevSearch(const char *device, UnitInfo **list) {
     const MessageOrigin origin{kSource, __func__};
     uint8_t request[kx::kHeaderSize];
-    kx::WriteSearch(request, sizeof request);
+    kx::WriteSearch(request);
     UniqueFd sock;
-    if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), true, origin)) {
+    if (!kx::OpenSocket(sock.address(), COM_ConvertNetDevName(device), true, origin)) {
         return 0;
     }
-    SendPacket(sock.get(), InternetAddress(INADDR_BROADCAST, kx::kPort), request, sizeof request,
-               origin);
+    kx::SendPacket(sock.get(), InternetAddress(INADDR_BROADCAST, kx::kPort), request, origin);
     int count = 0;
     ReplyWait wait(origin);
     while (wait.Next(sock.get())) {
@@ -172,10 +174,11 @@ static void ReadMacText(const char *text, uint8_t (&mac)[kx::kMac.size]) {
     }
 }
 
-static void WriteRequest(uint8_t *request, in_addr address, const UnitInfo &unit) {
+static void WriteRequest(std::span<uint8_t, kx::kSetRequestSize> request, in_addr address,
+                         const UnitInfo &unit) {
     kx::Target target{{}, address};
     ReadMacText(unit.mac, target.mac);
-    const uint16_t webPort = static_cast<uint16_t>(ReadWebServerPort().number());
+    const uint16_t webPort = static_cast<uint16_t>(kx::ReadWebPort().number());
     kx::WriteSetRequest(request, target, {"admin", ""},
                         {unit.name,
                          AddressOf(unit.ip),
@@ -193,12 +196,12 @@ static bool IsAcceptance(const ReceivedReply &reply, const MessageOrigin &origin
     }
     if (!reply.Is(kx::kOperation, kx::kSetBasicInfo)) {
         TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX Set Basic Information packet\n",
-                   ReadInteger(reply.packet, kx::kOperation));
+                   kx::ReadInteger(reply.packet, kx::kOperation));
         return false;
     }
     if (!reply.Is(kx::kMode, kx::kSuccess)) {
         TQ_LOG_FOR(origin, "retcode[0X%04X] - recvive error packet\n",
-                   ReadInteger(reply.packet, kx::kMode));
+                   kx::ReadInteger(reply.packet, kx::kMode));
         KIRVEX_PrintReplyPkt(reply.packet);
         return false;
     }
@@ -214,9 +217,9 @@ int KIRVEX_SetBasicInfo(const char *device, const char *target, const UnitInfo *
     uint8_t request[kx::kSetRequestSize];
     WriteRequest(request, address, *unit);
     UniqueFd sock;
-    if (!OpenKirvexSocket(sock.address(), COM_ConvertNetDevName(device), false, origin) ||
-        SendPacket(sock.get(), InternetAddress(address.s_addr, kx::kPort), request, sizeof request,
-                   origin) == -1) {
+    if (!kx::OpenSocket(sock.address(), COM_ConvertNetDevName(device), false, origin) ||
+        kx::SendPacket(sock.get(), InternetAddress(address.s_addr, kx::kPort), request, origin) ==
+            -1) {
         return -1;
     }
     ReplyWait wait(origin);

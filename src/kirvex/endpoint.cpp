@@ -9,6 +9,8 @@
 #include "common/socket.h"
 #include "unit/net_info.h"
 
+namespace kx {
+
 static bool SetOption(int sock, int option, const void *value, size_t size,
                       const MessageOrigin &origin) {
     if (setsockopt(sock, SOL_SOCKET, option, value, static_cast<socklen_t>(size)) == -1) {
@@ -18,7 +20,7 @@ static bool SetOption(int sock, int option, const void *value, size_t size,
     return true;
 }
 
-bool OpenKirvexSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin) {
+bool OpenSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin) {
     *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (*sock < 0) {
         TQ_LOG_FOR(origin, "socket error: %s\n", strerror(errno));
@@ -45,23 +47,25 @@ void WidenSendBuffer(int sock) {
     }
 }
 
-int SendPacket(int sock, const sockaddr_in &peer, const uint8_t *packet, size_t size,
+int SendPacket(int sock, const sockaddr_in &peer, std::span<const uint8_t> packet,
                const MessageOrigin &origin) {
-    if (sendto(sock, packet, size, MSG_NOSIGNAL | MSG_DONTWAIT, AsSockaddr(peer), sizeof peer) ==
-        -1) {
+    if (sendto(sock, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT, AsSockaddr(peer),
+               sizeof peer) == -1) {
         TQ_LOG_FOR(origin, "sendto error: %s\n", strerror(errno));
         return -1;
     }
     return 0;
 }
 
-KirvexReply StartReply(const char *device, const uint8_t *request, size_t size) {
-    KirvexReply reply{};
+Reply StartReply(const char *device, Request request, size_t size) {
+    Reply reply{};
     reply.size = size;
-    WriteHeader(reply.packet, size, kx::kReplyIdentifier,
-                static_cast<uint16_t>(ReadInteger(request, kx::kOperation)), kx::kSuccess);
-    reply.Set(kx::kSequenceNumber, ReadInteger(request, kx::kSequenceNumber));
-    COM_GetNetInfo(NETINFO_MAC_RAW, device, reply.packet + kx::kMac.offset);
-    COM_GetNetInfo(NETINFO_IP_RAW, device, reply.packet + kx::kAddress.offset);
+    WriteHeader(std::span(reply.packet).first(size), kReplyIdentifier,
+                static_cast<uint16_t>(ReadInteger(request, kOperation)), kSuccess);
+    reply.Set(kSequenceNumber, ReadInteger(request, kSequenceNumber));
+    COM_GetNetInfo(NETINFO_MAC_RAW, device, reply.packet + kMac.offset);
+    COM_GetNetInfo(NETINFO_IP_RAW, device, reply.packet + kAddress.offset);
     return reply;
 }
+
+}  // namespace kx

@@ -1,5 +1,6 @@
 #include "kirvex/request.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/base64.h"
@@ -9,52 +10,51 @@ namespace kx {
 // The longest text whose Base64 form its field holds.
 static constexpr size_t kCredentialLength = kCredentialSize / 4 * 3;
 
-static void StartRequest(uint8_t *packet, size_t size, uint16_t operation, const Target &target) {
-    memset(packet, 0, size);
-    WriteHeader(packet, size, kRequestIdentifier, operation, kSetMode);
-    memcpy(packet + kMac.offset, target.mac, kMac.size);
-    memcpy(packet + kAddress.offset, &target.address, kAddress.size);
+static void WriteAddress(std::span<uint8_t> packet, Field field, in_addr address) {
+    memcpy(packet.data() + field.offset, &address, field.size);
 }
 
-static void WriteCredential(uint8_t *packet, size_t number, const char *text) {
+static void StartRequest(std::span<uint8_t> packet, uint16_t operation, const Target &target) {
+    std::ranges::fill(packet, uint8_t{0});
+    WriteHeader(packet, kRequestIdentifier, operation, kSetMode);
+    memcpy(packet.data() + kMac.offset, target.mac, kMac.size);
+    WriteAddress(packet, kAddress, target.address);
+}
+
+static void WriteCredential(std::span<uint8_t> packet, size_t number, const char *text) {
     char encoded[Base64TextSize(kCredentialLength)];
     COM_Base64Encode(encoded, text, static_cast<int>(strnlen(text, kCredentialLength)));
-    WriteText(packet, {kCredentials + number * kCredentialSize, kCredentialSize}, encoded);
+    WriteText(packet, CredentialField(number), encoded);
 }
 
-static void WriteAccount(uint8_t *packet, size_t number, const Account &account) {
+static void WriteAccount(std::span<uint8_t> packet, size_t number, const Account &account) {
     WriteCredential(packet, number, account.name);
     WriteCredential(packet, number + 1, account.password);
 }
 
-void WriteSearch(uint8_t *packet, size_t size) {
-    memset(packet, 0, size);
-    WriteHeader(packet, size, kRequestIdentifier, kDevSearch, kReadMode);
-    memset(packet + kMac.offset, 0xFF, kMac.size);
+void WriteSearch(std::span<uint8_t> packet) {
+    std::ranges::fill(packet, uint8_t{0});
+    WriteHeader(packet, kRequestIdentifier, kDevSearch, kReadMode);
+    memset(packet.data() + kMac.offset, 0xFF, kMac.size);
 }
 
-static void WriteAddress(uint8_t *packet, KirvexField field, in_addr address) {
-    memcpy(packet + field.offset, &address, field.size);
-}
-
-void WriteSetRequest(uint8_t *packet, const Target &target, const Account &account,
-                     const Settings &settings) {
-    StartRequest(packet, kSetRequestSize, kSetBasicInfo, target);
+void WriteSetRequest(std::span<uint8_t, kSetRequestSize> packet, const Target &target,
+                     const Account &account, const Settings &settings) {
+    StartRequest(packet, kSetBasicInfo, target);
     WriteAccount(packet, 0, account);
-    uint8_t *block = packet + kRequestSettings;
-    WriteText(block, kCameraName, settings.cameraName);
-    WriteAddress(block, kNewAddress, settings.address);
-    WriteInteger(block, kWebPort, settings.webPort);
-    WriteAddress(block, kNetmask, settings.netmask);
-    WriteAddress(block, kGateway, settings.gateway);
-    WriteAddress(block, kPrimaryDns, settings.primaryDns);
-    WriteAddress(block, kSecondaryDns, settings.secondaryDns);
-    WriteInteger(block, kDhcp, settings.dhcp ? 1 : 0);
+    WriteText(packet, kCameraName.In(kRequestSettings), settings.cameraName);
+    WriteAddress(packet, kNewAddress.In(kRequestSettings), settings.address);
+    WriteInteger(packet, kWebPort.In(kRequestSettings), settings.webPort);
+    WriteAddress(packet, kNetmask.In(kRequestSettings), settings.netmask);
+    WriteAddress(packet, kGateway.In(kRequestSettings), settings.gateway);
+    WriteAddress(packet, kPrimaryDns.In(kRequestSettings), settings.primaryDns);
+    WriteAddress(packet, kSecondaryDns.In(kRequestSettings), settings.secondaryDns);
+    WriteInteger(packet, kDhcp.In(kRequestSettings), settings.dhcp ? 1 : 0);
 }
 
-void WriteChangeRequest(uint8_t *packet, const Target &target, const Account &current,
-                        const Account &changed) {
-    StartRequest(packet, kChangeRequestSize, kChangeIDPwd, target);
+void WriteChangeRequest(std::span<uint8_t, kChangeRequestSize> packet, const Target &target,
+                        const Account &current, const Account &changed) {
+    StartRequest(packet, kChangeIDPwd, target);
     WriteAccount(packet, 0, current);
     WriteAccount(packet, 2, changed);
 }

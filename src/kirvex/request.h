@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kirvex/credentials.h"
 #include "kirvex/packet.h"
 
 namespace kx {
@@ -14,12 +15,6 @@ namespace kx {
 struct Target {
     uint8_t mac[6];
     in_addr address;
-};
-
-// An account in clear text, both zero-terminated; what Base64 makes too long for its field is cut.
-struct Account {
-    const char *name;
-    const char *password;
 };
 
 // The settings of a unit. The camera name must be the one that the unit has.
@@ -34,15 +29,17 @@ struct Settings {
     bool dhcp;
 };
 
-// A search, to all units. `size` is at least kHeaderSize: the body, which nobody reads, is zero.
-void WriteSearch(uint8_t *packet, size_t size);
+// Of an account, what Base64 makes too long for its field is cut.
 
-// A request to set basic information, kSetRequestSize bytes.
-void WriteSetRequest(uint8_t *packet, const Target &target, const Account &account,
-                     const Settings &settings);
+// A search, to all units, of kHeaderSize bytes or more: the body, which nobody reads, is zero.
+void WriteSearch(std::span<uint8_t> packet);
 
-// A request to change name and password of an account, kChangeRequestSize bytes.
-void WriteChangeRequest(uint8_t *packet, const Target &target, const Account &current,
-                        const Account &changed);
+// A request to set basic information.
+void WriteSetRequest(std::span<uint8_t, kSetRequestSize> packet, const Target &target,
+                     const Account &account, const Settings &settings);
+
+// A request to change name and password of an account.
+void WriteChangeRequest(std::span<uint8_t, kChangeRequestSize> packet, const Target &target,
+                        const Account &current, const Account &changed);
 
 }  // namespace kx

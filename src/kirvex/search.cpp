@@ -8,16 +8,16 @@
 #include "common/text.h"
 #include "common/text_file.h"
 #include "kirvex/endpoint.h"
-#include "kirvex/web_session.h"
+#include "kirvex/own_unit.h"
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "KIRVEX";
 static constexpr uint32_t kProductTypeRecorder = 1;
 
 int KIRVEX_GetDHCPStatus(const char *device) {
-    TextFile file(kKirvexInterfaces);
+    TextFile file(kx::kOwnInterfaces);
     if (!file) {
-        TQ_LOG("fopen(%s) failed : %s\n", kKirvexInterfaces, strerror(errno));
+        TQ_LOG("fopen(%s) failed : %s\n", kx::kOwnInterfaces, strerror(errno));
         return -1;
     }
     int status = -1;
@@ -30,40 +30,43 @@ int KIRVEX_GetDHCPStatus(const char *device) {
     return status;
 }
 
-static void WriteNow(uint8_t *packet) {
+static void SetNow(kx::Reply &reply) {
     const time_t now = time(nullptr);
     tm utc;
     char text[kx::kDateTime.size] = {};
     // A clock past the year 99999 fits neither the record nor the field, which then stays empty.
     if (gmtime_r(&now, &utc) && strftime(text, sizeof text, "%Y%m%d%H%M%S", &utc) > 0) {
-        WriteText(packet, kx::kDateTime, text);
+        reply.Set(kx::kDateTime, text);
     }
 }
 
 int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &sender,
-                           const uint8_t *request) {
-    KirvexReply reply = StartReply(device, request, kx::kSearchReplySize);
-    uint8_t *settings = reply.packet + kx::kReplySettings;
-    WriteText(reply.packet, kx::kBrandName, kKirvexBrand);
-    WriteText(reply.packet, kx::kProductName, kKirvexModel);
-    WriteText(reply.packet, kx::kModelName, kKirvexModel);
-    WriteText(reply.packet, kx::kFirmware, kKirvexVersion);
+                           kx::Request request) {
+    kx::Reply reply = kx::StartReply(device, request, kx::kSearchReplySize);
+    const auto setting = [](kx::SettingsField field) { return field.In(kx::kReplySettings); };
+    const auto setFact = [&](kx::Field field, NetInfoSelector fact) {
+        COM_GetNetInfo(fact, device, reply.packet + field.offset);
+    };
+    reply.Set(kx::kBrandName, kx::kOwnBrand);
+    reply.Set(kx::kProductName, kx::kOwnModel);
+    reply.Set(kx::kModelName, kx::kOwnModel);
+    reply.Set(kx::kFirmware, kx::kOwnVersion);
     reply.Set(kx::kProductType, kProductTypeRecorder);
-    COM_GetNetInfo(NETINFO_MAC_RAW, device, reply.packet + kx::kBodyMac.offset);
-    WriteText(settings, kx::kCameraName, kKirvexModel);
-    COM_GetNetInfo(NETINFO_IP_RAW, device, settings + kx::kNewAddress.offset);
-    WriteInteger(settings, kx::kWebPort, ReadWebServerPort().number());
-    COM_GetNetInfo(NETINFO_NETMASK_RAW, device, settings + kx::kNetmask.offset);
-    COM_GetNetInfo(NETINFO_GATEWAY_RAW, device, settings + kx::kGateway.offset);
-    COM_GetNetInfo(NETINFO_DNS1_RAW, device, settings + kx::kPrimaryDns.offset);
-    COM_GetNetInfo(NETINFO_DNS2_RAW, device, settings + kx::kSecondaryDns.offset);
+    setFact(kx::kBodyMac, NETINFO_MAC_RAW);
+    reply.Set(setting(kx::kCameraName), kx::kOwnModel);
+    setFact(setting(kx::kNewAddress), NETINFO_IP_RAW);
+    reply.Set(setting(kx::kWebPort), kx::ReadWebPort().number());
+    setFact(setting(kx::kNetmask), NETINFO_NETMASK_RAW);
+    setFact(setting(kx::kGateway), NETINFO_GATEWAY_RAW);
+    setFact(setting(kx::kPrimaryDns), NETINFO_DNS1_RAW);
+    setFact(setting(kx::kSecondaryDns), NETINFO_DNS2_RAW);
     // The status goes out as it is: 1, or, for a fixed address, the byte 0xFF that -1 leaves here.
-    WriteInteger(settings, kx::kDhcp, static_cast<uint32_t>(KIRVEX_GetDHCPStatus(device)));
-    WriteNow(reply.packet);
+    reply.Set(setting(kx::kDhcp), static_cast<uint32_t>(KIRVEX_GetDHCPStatus(device)));
+    SetNow(reply);
     return reply.Send(sock, sender, {kSource, __func__});
 }
 
 int KIRVEX_Reply_QuerySupportedOptFns(const char *device, int sock, const sockaddr_in &sender,
-                                      const uint8_t *request) {
-    return StartReply(device, request, kx::kHeaderSize).Send(sock, sender, {kSource, __func__});
+                                      kx::Request request) {
+    return kx::StartReply(device, request, kx::kHeaderSize).Send(sock, sender, {kSource, __func__});
 }

@@ -3,23 +3,16 @@
 
 #include <netinet/in.h>
 
-#include <cstdint>
-
-// What the unit calls itself towards KIRVEX tools, whatever its identity files say.
-inline constexpr char kKirvexBrand[] = "Orvane";
-inline constexpr char kKirvexModel[] = "QVR-7140-16T";
-inline constexpr char kKirvexVersion[] = "1.41";
-
-inline constexpr char kKirvexInterfaces[] = "/mtd1/interfaces";
+#include "kirvex/packet.h"
 
 // Sends the identity and the network facts of an interface to `sender`. Returns 0, or -1 when the
 // reply could not be sent.
 int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &sender,
-                           const uint8_t *request);
+                           kx::Request request);
 
 // Sends the reply that names no optional function. Returns 0, or -1 when it could not be sent.
 int KIRVEX_Reply_QuerySupportedOptFns(const char *device, int sock, const sockaddr_in &sender,
-                                      const uint8_t *request);
+                                      kx::Request request);
 
 // 1 when a line of "/mtd1/interfaces" holds both the interface name and "dhcp", letter case
 // ignored; else -1, also when the file can't be read.

@@ -18,10 +18,8 @@
 
 static constexpr char kSource[] = "KIRVEX";
 
-static_assert(kx::kChangeRequestSize <= kx::kReceiveSize, "requests are read at fixed offsets");
-
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockaddr_in *address) {
-    if (!OpenKirvexSocket(sock, device, true, {kSource, __func__})) {
+    if (!kx::OpenSocket(sock, device, true, {kSource, __func__})) {
         return -1;
     }
     *address = InternetAddress(INADDR_ANY, kx::kPort);
@@ -30,11 +28,11 @@ int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockad
         return -1;
     }
     KeepPortToOneself(*sock);
-    WidenSendBuffer(*sock);
+    kx::WidenSendBuffer(*sock);
     return 0;
 }
 
-using ReplyFunction = int (*)(const char *, int, const sockaddr_in &, const uint8_t *);
+using ReplyFunction = int (*)(const char *, int, const sockaddr_in &, kx::Request);
 
 // The reply function of an operation; null for none of ours.
 static ReplyFunction FindOperation(uint32_t operation) {
@@ -58,27 +56,26 @@ static bool IsSearchMode(uint8_t byte) {
     return byte == kx::kReadModeByte || byte == kx::kSetModeByte;
 }
 
-int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender,
-                     const uint8_t *packet) {
-    const uint32_t operation = ReadInteger(packet, kx::kOperation);
+int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx::Request packet) {
+    const uint32_t operation = kx::ReadInteger(packet, kx::kOperation);
     uint8_t own[kx::kHeaderSize] = {};
     COM_GetNetInfo(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
     COM_GetNetInfo(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
     const ReplyFunction reply = FindOperation(operation);
-    if (ReadInteger(packet, kx::kIdentifier) != kx::kRequestIdentifier || !reply) {
+    if (kx::ReadInteger(packet, kx::kIdentifier) != kx::kRequestIdentifier || !reply) {
         return -1;
     }
-    const uint8_t *mode = packet + kx::kMode.offset;
+    const uint8_t *mode = packet.data() + kx::kMode.offset;
     bool modeFits = IsSearchMode(mode[0]) && IsSearchMode(mode[1]);
     if (operation != kx::kDevSearch) {
         static_assert(kx::kMac.end() == kx::kAddress.offset);
-        if (memcmp(packet + kx::kMac.offset, own + kx::kMac.offset,
+        if (memcmp(packet.data() + kx::kMac.offset, own + kx::kMac.offset,
                    kx::kMac.size + kx::kAddress.size) != 0) {
-            TQ_LOG("local mac/ip[%s/%s]\n", ReadMac(own, kx::kMac).text,
-                   ReadAddress(own, kx::kAddress).text);
+            TQ_LOG("local mac/ip[%s/%s]\n", kx::ReadMac(own, kx::kMac).text,
+                   kx::ReadAddress(own, kx::kAddress).text);
             return -1;
         }
-        modeFits = ReadInteger(packet, kx::kMode) == kx::kSetMode;
+        modeFits = kx::ReadInteger(packet, kx::kMode) == kx::kSetMode;
     }
     if (!modeFits) {
         TQ_LOG("reqmode[0x%02X%02X] - receive error packet\n", mode[1], mode[0]);
@@ -111,7 +108,7 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
             continue;
         }
         // Nobody asks from such an address, and the answer would go to everybody.
-        if (!IsBroadcast(name, sender)) {
+        if (!kx::IsBroadcast(name, sender)) {
             KIRVEX_ParserPkt(name, sock.get(), sender, packet);
         }
     }

@@ -3,7 +3,7 @@
 
 #include <netinet/in.h>
 
-#include <cstdint>
+#include "kirvex/packet.h"
 
 // Serves KIRVEX requests for ever. A null `pidFile` means "/var/run/TQ.pid", a null `device`
 // "eth0". Returns -1 when there is no socket to serve on.
@@ -14,7 +14,6 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device);
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int port, int *sock,
                                       sockaddr_in *address);
 
-// Checks a request (kx::kReceiveSize bytes) and has it answered. Returns the result of the
+// Checks a request and has it answered. Returns the result of the
 // operation, or -1 when the request was ignored.
-int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender,
-                     const uint8_t *packet);
+int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx::Request packet);

@@ -7,42 +7,42 @@
 #include "config/line_editor.h"
 #include "config/process.h"
 #include "config/stanza_editor.h"
-#include "kirvex/account.h"
+#include "kirvex/credentials.h"
 #include "kirvex/endpoint.h"
-#include "kirvex/search.h"
+#include "kirvex/own_unit.h"
 #include "kirvex/web_session.h"
 
 static constexpr char kSource[] = "KIRVEX";
 static constexpr char kResolverFile[] = "/etc/resolv.conf";
 
-static const char *CameraName(const uint8_t *settings) {
-    return reinterpret_cast<const char *>(settings + kx::kCameraName.offset);
+static const char *CameraName(kx::SettingsBlock settings) {
+    return reinterpret_cast<const char *>(settings.data() + kx::kCameraName.offset);
 }
 
-static bool WantsDhcp(const uint8_t *settings) {
-    return ReadInteger(settings, kx::kDhcp) != 0;
+static bool WantsDhcp(kx::SettingsBlock settings) {
+    return kx::ReadInteger(settings, kx::kDhcp) != 0;
 }
 
 namespace {
 
 struct NewStanza {
     const char *device;
-    const uint8_t *settings;
+    kx::SettingsBlock settings;
     MessageOrigin origin;
 };
 
 }  // namespace
 
 static StanzaOutcome WriteStatic(int out, const NewStanza &wanted) {
-    const AddressText address = ReadAddress(wanted.settings, kx::kNewAddress);
-    const AddressText netmask = ReadAddress(wanted.settings, kx::kNetmask);
-    const AddressText gateway = ReadAddress(wanted.settings, kx::kGateway);
+    const kx::AddressText address = kx::ReadAddress(wanted.settings, kx::kNewAddress);
+    const kx::AddressText netmask = kx::ReadAddress(wanted.settings, kx::kNetmask);
+    const kx::AddressText gateway = kx::ReadAddress(wanted.settings, kx::kGateway);
     const StaticStanza stanza{wanted.device, "static", address.text, netmask.text, gateway.text};
     if (!WriteStaticStanza(out, stanza, HasUsableGateway(stanza, wanted.origin))) {
         return StanzaOutcome::kWriteFailed;
     }
     // A resolver file that can't be edited does not matter; one without a name server does.
-    const AddressText server = ReadAddress(wanted.settings, kx::kPrimaryDns);
+    const kx::AddressText server = kx::ReadAddress(wanted.settings, kx::kPrimaryDns);
     return ReplaceNameServer(kResolverFile, server.text) == 0 ? StanzaOutcome::kRefused
                                                               : StanzaOutcome::kWritten;
 }
@@ -53,29 +53,30 @@ static StanzaOutcome WriteWanted(int out, void *context) {
         return WriteStatic(out, wanted);
     }
     const bool named = strncmp(CameraName(wanted.settings), "(none)", kx::kCameraName.size) != 0;
-    return WriteDhcpStanza(out, wanted.device, named ? kKirvexModel : nullptr)
+    return WriteDhcpStanza(out, wanted.device, named ? kx::kOwnModel : nullptr)
                ? StanzaOutcome::kWritten
                : StanzaOutcome::kWriteFailed;
 }
 
-int KIRVEX_NetWorkSetup(const char *device, const uint8_t *settings) {
+int KIRVEX_NetWorkSetup(const char *device, kx::SettingsBlock settings) {
     NewStanza wanted{device, settings, {kSource, __func__}};
-    return ReplaceStanza({kKirvexInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
+    return ReplaceStanza({kx::kOwnInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
 }
 
 // Whether the name that a request carries is this unit's, or a leading part of it.
-static bool NamesThisModel(const uint8_t *settings) {
+static bool NamesThisModel(kx::SettingsBlock settings) {
     const char *name = CameraName(settings);
-    return strncmp(kKirvexModel, name, strnlen(name, kx::kCameraName.size)) == 0;
+    return strncmp(kx::kOwnModel, name, strnlen(name, kx::kCameraName.size)) == 0;
 }
 
 // Logs in, writes the settings and logs out again. Returns whether they were written.
-static bool Apply(const char *device, const WebAccount &account, const uint8_t *settings,
-                  KirvexReply &reply, const MessageOrigin &origin) {
-    const WebServerPort port = ReadWebServerPort();
-    char sessionId[kSessionIdSize] = {};
+static bool Apply(const char *device, const kx::Account &account, kx::SettingsBlock settings,
+                  kx::Reply &reply, const MessageOrigin &origin) {
+    const kx::WebPort port = kx::ReadWebPort();
+    char sessionId[kx::kSessionIdSize] = {};
     bool written = false;
-    if (KIRVEX_AppwebLogin(kWebServerHost, port.text, account, sessionId, sizeof sessionId) == -1) {
+    if (KIRVEX_AppwebLogin(kx::kWebServerHost, port.text, account, sessionId, sizeof sessionId) ==
+        -1) {
         reply.Set(kx::kMode, kx::kFailure);
     } else if (!NamesThisModel(settings)) {
         reply.Set(kx::kMode, kx::kFailure);
@@ -86,19 +87,19 @@ static bool Apply(const char *device, const WebAccount &account, const uint8_t *
         reply.Set(kx::kWaitTimer, kx::kWaitSeconds);
         written = true;
     }
-    ReleaseWebSession(port.text, account, sessionId, origin);
+    kx::ReleaseWebSession(port.text, account, sessionId, origin);
     return written;
 }
 
 int KIRVEX_Reply_SetBasicInfo(const char *device, int sock, const sockaddr_in &sender,
-                              const uint8_t *request) {
+                              kx::Request request) {
     const MessageOrigin origin{kSource, __func__};
-    KirvexReply reply = StartReply(device, request, kx::kStatusReplySize);
-    const DecodedCredentials<2> credentials(request);
-    const WebAccount account{credentials[0], credentials[1]};
-    const uint8_t *settings = request + kx::kRequestSettings;
+    kx::Reply reply = kx::StartReply(device, request, kx::kStatusReplySize);
+    const kx::DecodedCredentials<2> credentials(request);
+    const kx::Account account = credentials.At(0);
+    const kx::SettingsBlock settings = kx::SettingsOf(request);
     bool written = false;
-    if (IsAdministrator(account.name)) {
+    if (kx::IsAdministrator(account.name)) {
         written = Apply(device, account, settings, reply, origin);
     } else {
         reply.Set(kx::kMode, kx::kFailure);

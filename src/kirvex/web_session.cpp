@@ -9,19 +9,12 @@
 #include "common/text.h"
 #include "net/http.h"
 #include "net/http_auth.h"
-#include "unit/identity.h"
 
 static constexpr size_t kLongUrlSize = 576;
 static constexpr char kAccountKey[] = "ACCOUNTSETUP_ACCOUNT";
 static constexpr char kPasswordKey[] = "ACCOUNTSETUP_PASSWORD1";
 static constexpr char kSessionKey[] = "THREAD_ID=";
 static constexpr char kSuccessMark[] = "Success";
-
-WebServerPort ReadWebServerPort() {
-    WebServerPort port{};
-    COM_GetTriggerPort(port.text, sizeof port.text);
-    return port;
-}
 
 // Bounds that no page of the web server comes near, so that one that never ends its answer can't
 // hold the unit for ever; a silent one is given up after some 32 seconds in any case.
@@ -38,7 +31,7 @@ static bool HasControlCharacter(const char *name) {
 }
 
 // The body of a page, or nothing.
-static HeapBlock<char> Fetch(const char *url, const WebAccount &account, Scheme scheme) {
+static HeapBlock<char> Fetch(const char *url, const kx::Account &account, Scheme scheme) {
     if (scheme == Scheme::kAsAnnounced && HasControlCharacter(account.name)) {
         return nullptr;
     }
@@ -80,7 +73,7 @@ static bool ExtractSessionId(const char *page, char *sessionId, size_t size, boo
     return true;
 }
 
-int KIRVEX_AppwebLogin(const char *host, const char *port, const WebAccount &account,
+int KIRVEX_AppwebLogin(const char *host, const char *port, const kx::Account &account,
                        char *sessionId, size_t sessionIdSize) {
     char url[128];
     snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/login");
@@ -101,7 +94,7 @@ int KIRVEX_AppwebLogin(const char *host, const char *port, const WebAccount &acc
     return -1;
 }
 
-int KIRVEX_AppwebForceKick(const char *host, const char *port, const WebAccount &account,
+int KIRVEX_AppwebForceKick(const char *host, const char *port, const kx::Account &account,
                            const char *kickArgument) {
     char url[kLongUrlSize];
     snprintf(url, sizeof url, "%s:%s/%s?%s", host, port, "Forcekick.set", kickArgument);
@@ -109,7 +102,7 @@ int KIRVEX_AppwebForceKick(const char *host, const char *port, const WebAccount 
     return COM_StrNCaseStr(page.get(), kSuccessMark) ? 0 : -1;
 }
 
-int KIRVEX_AppWebGetAccountIdx(const char *host, const char *port, const WebAccount &account) {
+int KIRVEX_AppWebGetAccountIdx(const char *host, const char *port, const kx::Account &account) {
     char url[256];
     snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/account.get");
     const HeapBlock<char> page = Fetch(url, account, Scheme::kAsAnnounced);
@@ -124,8 +117,8 @@ static const char *FindSuccessOf(const char *page, const char *mark, int row) {
     return COM_StrNCaseStr(strstr(page, text), kSuccessMark);
 }
 
-int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const WebAccount &current,
-                             const WebAccount &changed, int row, const char *sessionId) {
+int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const kx::Account &current,
+                             const kx::Account &changed, int row, const char *sessionId) {
     char url[kLongUrlSize];
     if (row != 0) {
         // Without a port: the web server listens for these on the default one.
@@ -150,8 +143,8 @@ int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const WebAccoun
     return FindSuccessOf(named, kPasswordKey, row) ? 0 : -1;
 }
 
-void ReleaseWebSession(const char *port, const WebAccount &account, const char *sessionId,
-                       const MessageOrigin &origin) {
+void kx::ReleaseWebSession(const char *port, const Account &account, const char *sessionId,
+                           const MessageOrigin &origin) {
     const KickArgument argument(sessionId);
     if (KIRVEX_AppwebForceKick(kWebServerHost, port, account, argument.text) == -1) {
         TQ_LOG_FOR(origin, "break connection failed - ip[%s] kickArg[%s]\n", kWebServerHost,

@@ -2,7 +2,7 @@
 
 #include "common/owners.h"
 #include "kirvex/bench.h"
-#include "kirvex/packet.h"
+#include "kirvex/print.h"
 
 // A record's bytes.
 static std::string Record(const std::string &model, const std::string &name, const std::string &ip,
@@ -142,13 +142,14 @@ TEST(KirvexClient, IsNotHeldByAClockThatJumps) {
 
 // A search reply whose texts all fill their fields, with something else behind it.
 TEST(KirvexClient, PrintsNothingBeyondThePacket) {
-    std::vector<uint8_t> packet(350);
-    for (size_t i = 0; i < packet.size(); ++i) {
+    uint8_t packet[350];
+    for (size_t i = 0; i < sizeof packet; ++i) {
         packet[i] = static_cast<uint8_t>("0123456789abcdef"[i % 16]);
     }
     packet[4] = 0xA1, packet[5] = 0;
-    const std::string text(packet.begin(), packet.begin() + 334);
-    const std::string log = Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.data()); }));
+    const std::string text(packet, packet + 334);
+    const std::string log =
+        Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(std::span(packet).first<334>()); }));
     EXPECT_EQ(log.substr(log.find("KIRVEX:KIRVEX_PrintReplyPkt")),
               Said("KIRVEX_PrintReplyPkt",
                    "Brand Name: " + text.substr(22) + "\nProduct Name: " + text.substr(86) +
@@ -161,6 +162,7 @@ TEST(KirvexClient, PrintsNothingBeyondThePacket) {
                        "sDNS: 54.55.56.57\nDHCP ON/OFF: ON\nDate Time: " +
                        text.substr(315) + "\nTimeZone: 0x6263\nDaylight Saving Time: 0x64\n"));
     packet[4] = 0xA3;
-    EXPECT_TRUE(Holds(Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(packet.data()); })),
-                      Said("KIRVEX_PrintReplyPkt", "User Privilege: 0x39383736\n")));
+    EXPECT_TRUE(
+        Holds(Shorten(OutputOf([&] { KIRVEX_PrintReplyPkt(std::span(packet).first<334>()); })),
+              Said("KIRVEX_PrintReplyPkt", "User Privilege: 0x39383736\n")));
 }

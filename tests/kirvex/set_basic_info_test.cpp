@@ -4,6 +4,12 @@
 #include "kirvex/bench.h"
 #include "kirvex/search.h"
 
+// Bytes as what takes so many of them.
+template <size_t kSize>
+static std::span<const uint8_t, kSize> View(const std::string &bytes) {
+    return std::span<const uint8_t, kSize>(reinterpret_cast<const uint8_t *>(bytes.data()), kSize);
+}
+
 static const std::string kInterfaces =
     "# lan\nauto eth0\niface eth0 inet dhcp\n  hostname old\n\nauto eth1\niface eth1 inet manual\n";
 static const std::string kResolver = "search lan\nNameServer 10.0.0.1\nnameserver 10.0.0.2\n";
@@ -88,7 +94,7 @@ TEST(KirvexSetBasicInfo, RewritesFilesAndRestartsTheNetwork) {
 TEST(KirvexSetBasicInfo, LeavesTheHostNameOutForNobody) {
     WriteFile("/mtd1/interfaces", "iface eth01 inet static\n");
     const std::string settings = Settings("(none)", "");
-    EXPECT_EQ(KIRVEX_NetWorkSetup("eth0", reinterpret_cast<const uint8_t *>(settings.data())), 0);
+    EXPECT_EQ(KIRVEX_NetWorkSetup("eth0", View<kx::kSettingsSize>(settings)), 0);
     EXPECT_EQ(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n");
 }
 
@@ -102,9 +108,8 @@ TEST(KirvexSetBasicInfo, RestartsNothingWhenTheReplyCannotBeSent) {
     for (const auto reply :
          {KIRVEX_Reply_SetBasicInfo, KIRVEX_Reply_DevSearch, KIRVEX_Reply_QuerySupportedOptFns,
           KIRVEX_Reply_UserVerification, KIRVEX_Reply_ChangeIDPwd}) {
-        const std::string output = OutputOf([&] {
-            EXPECT_EQ(reply("eth0", -1, {}, reinterpret_cast<const uint8_t *>(request.data())), -1);
-        });
+        const std::string output = OutputOf(
+            [&] { EXPECT_EQ(reply("eth0", -1, {}, View<kx::kReceiveSize>(request)), -1); });
         EXPECT_TRUE(Holds(output, "(): sendto error: Bad file descriptor\n")) << output;
     }
     EXPECT_TRUE(Holds(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n  hostname QVR-7140"));

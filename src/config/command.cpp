@@ -45,6 +45,11 @@ struct HeldSignals {
 
 }  // namespace
 
+void SetTerminalSignals(void (*handler)(int)) {
+    signal(SIGPIPE, handler);
+    signal(SIGHUP, handler);
+}
+
 static int WaitFor(pid_t child) {
     int status;
     while (waitpid(child, &status, 0) == -1) {
@@ -70,7 +75,7 @@ int COM_System(const char *command, pid_t *pid) {
     if (child == 0) {
         COM_CloseFdExceptSTD(getpid());
         held.Restore();
-        signal(SIGPIPE, SIG_DFL);  // ignored by the daemon alone
+        SetTerminalSignals(SIG_DFL);
         COM_ParserCMD(command);
         fflush(stdout);
         _exit(127);

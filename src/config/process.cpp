@@ -107,9 +107,10 @@ int COM_SavePid(const char *path) {
     if (!path) {
         return -1;
     }
-    const UniqueFile file = OpenFile(path, "w");
+    // Whoever may write into it names the process that the init script ends.
+    const UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (file) {
-        fprintf(file.get(), "%d", getpid());
+        dprintf(file.get(), "%d", getpid());
     } else {
         TQ_LOG("open(%s) error : %s\n", path, strerror(errno));
     }

@@ -3,24 +3,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cinttypes>
 #include <climits>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <optional>
+#include <span>
 
 #include "common/first_line.h"
-#include "common/owners.h"
 #include "common/pause.h"
-#include "common/text.h"
+#include "config/command.h"
 #include "config/process.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
+static constexpr MessageOrigin kOrigin{kSource, "TQ_Watchdog"};
 static constexpr size_t kRequestSize = 80;
 
 struct TQ_WatchDogEntry {
@@ -39,21 +42,28 @@ namespace {
 
 // When a request falls due, seen from now.
 struct DueTime {
-    time_t now;
-    int due;
+    int64_t now;
+    int64_t due;
 
-    int SecondsLeft() const { return due == 0 ? 0 : static_cast<int>(due - now); }
+    int64_t SecondsLeft() const { return due == 0 ? 0 : due - now; }
     bool IsAhead() const { return due != 0 && now < due; }
     bool IsCountdownTime() const { return now % 5 == 0; }
 };
 
 }  // namespace
 
+// Seconds since the epoch. Where a time_t has 32 bits it is read as an unsigned number, which lasts
+// until 2106.
+static int64_t Now() {
+    const time_t now = time(nullptr);
+    return sizeof now == sizeof(uint32_t) ? int64_t{static_cast<uint32_t>(now)} : int64_t{now};
+}
+
 static bool ReadDueTime(const char *text, DueTime *request) {
     if (!text || !isdigit(static_cast<unsigned char>(text[0]))) {
         return false;
     }
-    *request = {time(nullptr), ParseInt(text)};
+    *request = {Now(), strtoll(text, nullptr, 10)};
     return true;
 }
 
@@ -66,8 +76,8 @@ static int SignalInitWhenDue(const char *text, const char *event, int syncs, int
         return -1;
     }
     if (request.IsCountdownTime()) {
-        TQ_LOG_FOR((MessageOrigin{kSource, function}), "%d sec before %s!\n", request.SecondsLeft(),
-                   event);
+        TQ_LOG_FOR((MessageOrigin{kSource, function}), "%" PRId64 " sec before %s!\n",
+                   request.SecondsLeft(), event);
     }
     if (request.IsAhead()) {
         return -1;
@@ -99,13 +109,14 @@ static void ExpandCommand(const char *text, char *command, size_t size) {
     command[length] = '\0';
 }
 
-[[noreturn]] static void RunInChild(const char *command, int due) {
+[[noreturn]] static void RunInChild(const char *command, int64_t due) {
     // system() waits for its shell, which TQ_Watchdog's own way with children would not allow.
     signal(SIGCHLD, SIG_DFL);
-    TQ_LOG_FOR((MessageOrigin{kSource, "TQ_WatchdogRerun"}), "Child : Rerun [%s] at %ld\n", command,
-               static_cast<long>(due));
+    TQ_LOG_FOR((MessageOrigin{kSource, "TQ_WatchdogRerun"}), "Child : Rerun [%s] at %" PRId64 "\n",
+               command, due);
     fflush(stdout);
-    signal(SIGPIPE, SIG_DFL);  // ignored by the daemon alone
+    COM_CloseFdExceptSTD(getpid());
+    SetTerminalSignals(SIG_DFL);
     // What the command made of itself is its own affair.
     [[maybe_unused]] const int status = system(command);
     _exit(0);
@@ -116,7 +127,7 @@ int TQ_WatchdogRerun(const char *text) {
     if (!ReadDueTime(text, &request)) {
         return -1;
     }
-    TQ_LOG("%d sec before re-run [%s]!\n", request.SecondsLeft(), text);
+    TQ_LOG("%" PRId64 " sec before re-run [%s]!\n", request.SecondsLeft(), text);
     const char *comma = strchr(text, ',');
     if (request.IsAhead() || !comma) {
         return -1;
@@ -134,35 +145,95 @@ int TQ_WatchdogRerun(const char *text) {
         TQ_LOG("fork() failed : %s\n", strerror(errno));
         return -1;
     }
-    TQ_LOG("Parent : Rerun [%s] at %ld\n", command, static_cast<long>(request.due));
+    TQ_LOG("Parent : Rerun [%s] at %" PRId64 "\n", command, request.due);
     return 0;
 }
 
+static std::optional<RequestState> StateOf(const char *path) {
+    struct stat status;
+    if (stat(path, &status) == -1) {
+        return std::nullopt;
+    }
+    return RequestState{status.st_dev, status.st_ino, status.st_ctim.tv_sec,
+                        status.st_ctim.tv_nsec};
+}
+
+bool WatchdogFolder::IsDone(const RequestState &state) const {
+    return std::find(done_.get(), done_.get() + count_, state) != done_.get() + count_;
+}
+
+void WatchdogFolder::MarkDone(const RequestState &state) {
+    for (RequestState &old : std::span(done_.get(), count_)) {
+        if (old.device == state.device && old.inode == state.inode) {
+            old = state;
+            return;
+        }
+    }
+    void *grown = realloc(done_.get(), (count_ + 1) * sizeof state);
+    if (!grown) {
+        TQ_LOG_FOR(kOrigin, "REALLOC() failed : %s\n", strerror(errno));
+        return;
+    }
+    static_cast<void>(done_.release());
+    done_.reset(static_cast<RequestState *>(grown));
+    done_.get()[count_++] = state;
+}
+
+void WatchdogFolder::Remove(const char *path, const RequestState &state) {
+    // A request that took the place of this one meanwhile is still to be looked at.
+    if (StateOf(path) != state || unlink(path) == 0) {
+        return;
+    }
+    TQ_LOG_FOR(kOrigin, "unlink(%s) failed : %s\n", path, strerror(errno));
+    MarkDone(state);
+}
+
 // Tries every action on one entry of the folder.
-static void HandleEntry(const char *folder, const char *name) {
+void WatchdogFolder::HandleEntry(const char *name) {
     char path[PATH_MAX];
-    if (snprintf(path, sizeof path, "%s/%s", folder, name) >= static_cast<int>(sizeof path)) {
+    if (snprintf(path, sizeof path, "%s/%s", path_, name) >= static_cast<int>(sizeof path)) {
         return;
     }
     for (const TQ_WatchDogEntry &entry : gTQ_WatchDogArray) {
         if (strncmp(name, entry.name, strlen(entry.name)) != 0) {
             continue;
         }
+        const std::optional<RequestState> state = StateOf(path);
+        if (!state || IsDone(*state)) {
+            continue;
+        }
         char text[kRequestSize] = "";
-        if (COM_GetFileContent(path, text, sizeof text) == 0 && entry.action(text) == 0) {
-            unlink(path);
+        // What was read belongs to the state only if nobody has written in between.
+        if (COM_GetFileContent(path, text, sizeof text) == 0 && StateOf(path) == state &&
+            entry.action(text) == 0) {
+            Remove(path, *state);
         }
     }
 }
 
-void ScanWatchdogFolder(const char *folder) {
-    const UniqueDir directory(opendir(folder));
+// Whoever may write into the folder commands this unit.
+void WatchdogFolder::CheckOwner(int folder) {
+    static constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+    struct stat status;
+    const bool open =
+        fstat(folder, &status) == 0 && (status.st_uid != 0 || (status.st_mode & kOthersWrite) != 0);
+    if (open && !saidOpen_) {
+        TQ_LOG_FOR(kOrigin,
+                   "%s is not root's alone: others can reboot this unit and run commands on it\n",
+                   path_);
+    }
+    saidOpen_ = open;
+}
+
+void WatchdogFolder::Scan() {
+    const UniqueDir directory(opendir(path_));
     if (!directory) {
         return;
     }
+    CheckOwner(dirfd(directory.get()));
     while (const dirent *entry = readdir(directory.get())) {
         if (IsOrdinaryEntry(*entry)) {
-            HandleEntry(folder, entry->d_name);
+            HandleEntry(entry->d_name);
         }
     }
 }
@@ -178,8 +249,9 @@ void TQ_Watchdog(const char *folder) {
     children.sa_flags = SA_NOCLDWAIT;
     sigaction(SIGCHLD, &children, nullptr);
     mkdir(folder, 0755);
+    WatchdogFolder requests(folder);
     while (true) {
-        ScanWatchdogFolder(folder);
+        requests.Scan();
         COM_TakeABreak({1, 0}, 1000);
     }
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "common/text.h"
+#include "config/command.h"
 #include "config/config_file.h"
 #include "config/watchdog.h"
 #include "frame/message.h"
@@ -112,8 +113,8 @@ int main(int argc, char **argv) {
         TQ_Client(options.device.OrNull(), options.filter.OrNull());
         return 0;
     }
-    // A unit serves on when the reader of its messages has gone.
-    signal(SIGPIPE, SIG_IGN);
+    // A unit serves on when the reader of its messages, or whoever started it, has gone.
+    SetTerminalSignals(SIG_IGN);
     TQ_LOG("Start TQ in daemon mode\n");
     fflush(stdout);
     if (fork() == 0) {

@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <sys/mount.h>
 
 #include <csignal>
+#include <functional>
 #include <regex>
+#include <utility>
 
 #include "common/owners.h"
 #include "config/command.h"
@@ -82,6 +85,14 @@ static int Edit(const char *netfile) {
     strcpy(request.name, "(none)");
     strcpy(request.note, "dhcp");
     return TQ_SetupNetwork(&cfg, &request);
+}
+
+static int Count(const std::string &text, const std::string &part) {
+    int count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size() - 1) {
+        ++count;
+    }
+    return count;
 }
 
 static COM_ReplaceItem Item(const char *key, const char *line) {
@@ -339,8 +350,13 @@ TEST(Command, RunsWithoutAShell) {
     EXPECT_NE(std::string::npos, OutputOf([] {
                                      EXPECT_EQ(-1, COM_System(nullptr, nullptr));
                                  }).find("COM_System(): pCMD == NULL\n"));
-    WriteFile("/tmp/ended", "kill -TERM $$\n");
-    EXPECT_EQ(SIGTERM, COM_System("/bin/sh /tmp/ended", nullptr));
+    // Ignored by the daemon, but not by its commands.
+    SetTerminalSignals(SIG_IGN);
+    for (const int signal : {SIGTERM, SIGHUP, SIGPIPE}) {
+        WriteFile("/tmp/ended", "kill -" + std::to_string(signal) + " $$\n");
+        EXPECT_EQ(COM_System("/bin/sh /tmp/ended", nullptr), signal);
+    }
+    SetTerminalSignals(SIG_DFL);
 }
 
 // A process whose command line begins with `name`.
@@ -405,11 +421,25 @@ TEST(Process, SignalsByNameHitTheRightOneAmongDecoys) {
 }
 
 TEST(Process, SavesItsPid) {
+    const mode_t mask = umask(0);
     EXPECT_EQ(-1, COM_SavePid("/tmp/pid"));
+    umask(mask);
+    struct stat status;
+    EXPECT_EQ(stat("/tmp/pid", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
     EXPECT_EQ(std::to_string(getpid()), ReadFile("/tmp/pid"));
     EXPECT_NE(std::string::npos, OutputOf([] {
                                      COM_SavePid("/none/pid");
                                  }).find("open(/none/pid) error : No such file"));
+}
+
+// What happens while the file systems are flushed: the actions do that before they act.
+static std::function<void()> atSync;
+
+extern "C" void sync() noexcept {
+    if (atSync) {
+        std::exchange(atSync, nullptr)();
+    }
 }
 
 TEST(Watchdog, CarriesOutWhatIsDue) {
@@ -424,6 +454,7 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
          "TQ_WatchdogRerun(): [0,echo 100%% '%s' %n% >/tmp/rerun] => path = echo 100% '%s' %n%"},
         {"RERUN", "0", false, "0 sec before re-run [0]!\n"},
         {"RERUN", later + ",touch /tmp/never", false, " sec before re-run ["},
+        {"RERUN", "9999999999,touch /tmp/never", false, "TQ_WatchdogRerun(): 8"},
         {"RERUN", "x,touch /tmp/never", false, ""},
         {"RERUN2", "1,true", true, "Parent : Rerun [true] at 1\n"},
         {"REBOOT.old", "0", true, "- kill("},
@@ -439,7 +470,7 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
         const std::string path = std::string("/var/watchdog/") + c.name;
         const pid_t init = StartDecoy("init");
         WriteFile(path, c.text);
-        const std::string output = OutputOf([] { ScanWatchdogFolder("/var/watchdog"); });
+        const std::string output = OutputOf([] { WatchdogFolder("/var/watchdog").Scan(); });
         EXPECT_EQ(c.removed, access(path.c_str(), F_OK) != 0) << c.name << c.text;
         EXPECT_NE(std::string::npos, output.find(c.message)) << output;
         remove(path.c_str());
@@ -454,13 +485,54 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
                                  }).find("TQ_Watchdog(): Invalid pFolder - Watchdog exit\n"));
 }
 
+TEST(Watchdog, CarriesOutARequestOnce) {
+    Shell(
+        "mkdir -p /var/watchdog; mount --bind /var/watchdog /var/watchdog; chmod 777 "
+        "/var/watchdog");
+    const auto allow = [](const char *access) {
+        Shell(std::string("mount -o remount,bind,") + access + " /var/watchdog");
+    };
+    const int leak = fcntl(STDOUT_FILENO, F_DUPFD, 77);
+    const std::string command = "0,echo ran >>/tmp/reran; ls /proc/self/fd >/tmp/fds";
+    WatchdogFolder folder("/var/watchdog");
+    // One that can't be removed; written anew, it is another one.
+    for (const std::string ran : {"ran\n", "ran\nran\n"}) {
+        WriteFile("/var/watchdog/RERUN", command);
+        allow("ro");
+        const std::string output = OutputOf([&] {
+            for (int i = 0; i < 3; ++i) {
+                folder.Scan();
+                waitpid(-1, nullptr, 0);
+            }
+        });
+        EXPECT_EQ(ReadFile("/tmp/reran"), ran);
+        EXPECT_EQ(Count(output, "unlink(/var/watchdog/RERUN) failed : Read-only file system\n"), 1);
+        EXPECT_EQ(Count(output, "/var/watchdog is not root's alone: "), ran == "ran\n");
+        allow("rw");
+    }
+    EXPECT_EQ(Count("\n" + ReadFile("/tmp/fds"), "\n" + std::to_string(leak) + "\n"), 0);
+    close(leak);
+    remove("/var/watchdog/RERUN");
+    // One that takes the place of another while that is carried out.
+    WriteFile("/var/watchdog/REBOOT", "0");
+    atSync = [] {
+        WriteFile("/tmp/new", "9");
+        Shell("mv /tmp/new /var/watchdog/REBOOT");
+    };
+    OutputOf([&] { folder.Scan(); });
+    EXPECT_EQ(ReadFile("/var/watchdog/REBOOT"), "9");
+    OutputOf([&] { folder.Scan(); });
+    EXPECT_EQ(ListFolder("/var/watchdog"), "");
+    Shell("umount /var/watchdog");
+}
+
 // Inode numbers that need 64 bits, as an overlay makes them: a 32-bit build must list them too.
 TEST(Watchdog, SeesRequestsOnEveryFileSystem) {
     Shell(
         "mkdir /tmp/upper /tmp/work /tmp/merged && mount -t tmpfs lower /srv && echo 0,true "
         ">/srv/RERUN && mount -t overlay -o "
         "lowerdir=/srv,upperdir=/tmp/upper,workdir=/tmp/work,xino=on overlay /tmp/merged");
-    OutputOf([] { ScanWatchdogFolder("/tmp/merged"); });
+    OutputOf([] { WatchdogFolder("/tmp/merged").Scan(); });
     EXPECT_EQ("", ListFolder("/tmp/merged"));
     // The child of the re-run holds the folder until it ends.
     while (waitpid(-1, nullptr, 0) > 0) {

@@ -255,6 +255,7 @@ def test_network_setup(net):
     begin()  # without the configuration file nothing may be changed
     setup(INTERFACES)
     begin("-C", "/etc/tq.conf")
+    host.run("kill -HUP $(cat /var/run/TQ.pid)")  # the terminal that it was started from is gone
     setup(static)
     assert host.path("etc/resolv.conf").read_text() == resolver
     assert host.path("var/networking").read_text() == calls

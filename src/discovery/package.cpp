@@ -1,5 +1,7 @@
 #include "discovery/package.h"
 
+#include <arpa/inet.h>
+
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -76,11 +78,13 @@ size_t discovery::EncodeUnit(TQ_PackageType type, const UnitInfo &record, char *
     return EncodeTexts({text, WriteUnitText(type, record, text)}, out) + 1;
 }
 
-static bool IsAcceptable(const char *token, FieldRule rule) {
+static bool IsAcceptable(const char *token, FieldRule rule, int type) {
     switch (rule) {
         case FieldRule::kAddress: {
             in_addr address;
-            return ParseDottedAddress(token, &address);
+            // What a network setup carries is written into files that scripts read.
+            return type == TQ_PACKAGE_NETWORK_SETUP ? ParseDottedAddress(token, &address)
+                                                    : inet_aton(token, &address) != 0;
         }
         case FieldRule::kPort: {
             const int port = ParseInt(token);
@@ -111,7 +115,7 @@ static int ReadFields(char *text, UnitInfo *record, size_t *count) {
             break;
         }
         const PackageField &field = kFields[*count];
-        if (!IsAcceptable(token, field.rule)) {
+        if (!IsAcceptable(token, field.rule, type)) {
             return -1;
         }
         CopyText(reinterpret_cast<char *>(record) + field.offset, field.size, token);

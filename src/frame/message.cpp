@@ -1,10 +1,13 @@
 #include "frame/message.h"
 
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 #include "common/owners.h"
+#include "common/utf8.h"
 
 int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
     size_t size = 256;
@@ -30,6 +33,10 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
     }
     if (!text) {
         return printf("%s,%d:%s(): Failed to print", file, line, function ? function : "");
+    }
+    // Other units' texts are shown on a terminal, not obeyed by it; a file gets them as they are.
+    if (isatty(STDOUT_FILENO)) {
+        MaskControls(text.get());
     }
     if (!function) {
         return printf("%s,%d: %s", file, line, text.get());

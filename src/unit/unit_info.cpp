@@ -1,5 +1,7 @@
 #include "unit/unit_info.h"
 
+#include <cstdio>
+
 #include "common/text.h"
 #include "frame/message.h"
 #include "unit/identity.h"
@@ -39,7 +41,7 @@ int COM_GetUnitInfo(UnitInfo *record, const char *device) {
 
 void COM_ShowAllUnitInfo(int count, const UnitInfo *records) {
     for (int i = 0; i < count; ++i) {
-        TQ_LOG_UNNAMED("[%d/%d]\n", i + 1, count);
+        printf("[%d/%d]\n", i + 1, count);
         COM_ShowUnitInfo(&records[i]);
     }
 }

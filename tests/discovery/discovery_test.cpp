@@ -72,6 +72,9 @@ TEST(Package, IsParsedFieldByField) {
         std::string text = unit;
         return text.replace(text.find(from), from.size(), to);
     };
+    const auto setup = [&](const std::string &from, const std::string &to) {
+        return with(from, to).replace(10, 2, "03");
+    };
     const std::string refused = "flag(-1) not implemented.\n";
     const struct {
         std::string text;
@@ -99,8 +102,10 @@ TEST(Package, IsParsedFieldByField) {
         {with(",80,", ",4294967376,"), -1, "", refused},
         {with(",80,", ",-1,"), -1, "", refused},
         {with("192.168.1.20", "1.2.3.999"), -1, "", refused},
-        {with("192.168.1.20", "10.0.0.1 ;id"), -1, "", refused},
-        {with("192.168.1.20", "10.0.0.1 "), 1, "note", ""},
+        {with("192.168.1.20", "10.0.0.1 ;id"), 1, "note", ""},
+        {setup("192.168.1.20", "10.0.0.1 ;id"), -1, "", refused},
+        {setup("255.255.255.0", "255.0.0.0\t#"), -1, "", refused},
+        {setup("192.168.1.20", "10.0.0.1 "), 3, "note", ""},
         {with("192.168.1.20", "10.1"), 1, "note", ""},
         {with("02:00:5E:00:53:01", "00:11:22:33:44:5"), -1, "", refused},
         {with("02:00:5E:00:53:01", "00-11-22-33-44-55"), -1, "", refused},

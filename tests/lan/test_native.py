@@ -1,4 +1,5 @@
 """The native protocol from one end of the LAN to the other, with the frames that pass."""
+import os
 import re
 import select
 import socket
@@ -34,7 +35,7 @@ PRINTED = "".join(rf"COMMON,\d+: \({label}\) = \((.*)\)\n" for label in LABELS)
 
 def listed(text):
     """The units that the client printed, eleven fields each, after checking the numbering."""
-    blocks = re.split(r"(?m)^(?:COMMON,\d+: )?\[(\d+)/(\d+)\]\n", text)[1:]
+    blocks = re.split(r"(?m)^\[(\d+)/(\d+)\]\n", text)[1:]
     found = [", ".join(re.fullmatch(PRINTED, block).groups()).split(", ") for block in blocks[2::3]]
     count = len(found)
     assert list(zip(blocks[::3], blocks[1::3])) == [(str(i + 1), str(count)) for i in range(count)]
@@ -65,6 +66,18 @@ def test_client_lists_every_unit_once_and_filters_by_project(net):
     assert listed(net.desk.tq("-F", "nAS")) == descending(units[1:2])
     nothing = net.desk.tq("-F", "none")
     assert "TQ_GetAllUnit() = -1\n" in nothing and not listed(nothing)
+
+
+def test_a_terminal_is_not_steered_by_other_units(net):
+    hostile = "\x1b[31m\x9b2J\xc2\x9b2J\bK\xc3\xbcche\x7f"  # in Latin-1, as lan's texts are
+    unit(net, note=hostile)
+    assert hostile in net.desk.tq("-I", "eth0")
+    master, terminal = os.openpty()
+    net.desk.tq("-I", "eth0", stdout=terminal)
+    os.close(terminal)
+    shown = os.read(master, 65536).decode("latin1").replace("\r\n", "\n")
+    os.close(master)
+    assert "(dev, note) = (eth0, ?[31m?2J??2J?K\xc3\xbcche?)\n" in shown
 
 
 def test_replies_on_the_wire(net):

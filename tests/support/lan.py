@@ -217,10 +217,10 @@ class Host:
         """How TQ is run on this host."""
         return ["env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *self.program.emulator, "/opt/TQ", *arguments]
 
-    def tq(self, *arguments, status=0):
+    def tq(self, *arguments, status=0, stdout=subprocess.PIPE):
         """Runs TQ to its end and returns what it printed."""
         done = subprocess.run([*self.nsenter, *self.command(*arguments)], timeout=120, stdin=subprocess.DEVNULL, check=False,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="latin1")
+                              stdout=stdout, stderr=subprocess.STDOUT, encoding="latin1")
         assert done.returncode == status, f"status {done.returncode}\n{done.stdout}"
         return done.stdout
 

@@ -115,7 +115,7 @@ TEST(UnitInfo, CountsItsFailures) {
     EXPECT_STREQ("000.000.000.000", record.gateway);
     EXPECT_EQ("", OutputOf([] { COM_ShowAllUnitInfo(0, nullptr); }));
     const std::string shown = OutputOf([&] { COM_ShowAllUnitInfo(1, &record); });
-    EXPECT_NE(std::string::npos, shown.find("[1/1]\n"));
+    EXPECT_EQ(shown.find("[1/1]\nCOMMON,"), 0u) << shown;
     EXPECT_NE(std::string::npos, shown.find(": (ip, trigger_port, netmask) = (192.168.1.20, 80, "
                                             "255.255.255.0)\n"));
 }

@@ -8,3 +8,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 # Where the build machine has the board's C library, for qemu user emulation.
 set(ENV{QEMU_LD_PREFIX} /usr/powerpc-linux-gnu)
+# The board's pages may be 64 KB. The linker ends what RELRO protects on a page of that size, which can make the file
+# twice as large, depending on where the code ends.
+set(TQ_RELRO OFF CACHE BOOL "Make the program's own tables read-only before it starts")

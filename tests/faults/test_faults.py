@@ -29,12 +29,12 @@ def renewed(text):
 
 
 class Faults:
-    """The page that assurance/faults.c reads on one host."""
+    """The page that tests/faults/faults.c reads on one host."""
 
     def __init__(self, host):
         compiler = "powerpc-linux-gnu-gcc" if EMULATED else "gcc"
         subprocess.run([compiler, "-O2", "-shared", "-fPIC", "-o", host.path("opt/faults.so"),
-                        lan.TOP / "assurance/faults.c"], check=True)
+                        lan.TOP / "tests/faults/faults.c"], check=True)
         host.write({"run/faults": "\0" * 16})
         with host.path("run/faults").open("r+b") as file:
             self.page = mmap.mmap(file.fileno(), 16)

@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "kirvex/bench.h"
+#include "kirvex/support.h"
 #include "kirvex/web_session.h"
 
 TEST(KirvexAccount, ChecksCharacters) {

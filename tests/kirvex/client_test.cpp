@@ -1,8 +1,8 @@
 #include "kirvex/client.h"
 
 #include "common/owners.h"
-#include "kirvex/bench.h"
 #include "kirvex/print.h"
+#include "kirvex/support.h"
 
 // A record's bytes.
 static std::string Record(const std::string &model, const std::string &name, const std::string &ip,

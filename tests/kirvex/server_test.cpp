@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "kirvex/bench.h"
+#include "kirvex/support.h"
 
 TEST(KirvexServer, AnswersASearchWithTheseBytes) {
     const std::string route = Bytes({0, 0, 255, 255, 255, 0, 192, 168, 1, 1}),
@@ -35,8 +35,7 @@ TEST(KirvexServer, AnswersASearchWithTheseBytes) {
     EXPECT_EQ(ReadFile("/var/run/TQ.pid"), std::to_string(server.pid));
     Shell("rm /mtd1/interfaces");
     EXPECT_EQ(Ask(Header(0xA1)).at(314), '\xFF');
-    EXPECT_TRUE(
-        Holds(ReadFile(kServerLog), "KIRVEX_GetDHCPStatus(): fopen(/mtd1/interfaces) failed : "));
+    EXPECT_SAYS(ReadFile(kServerLog), "KIRVEX_GetDHCPStatus(): fopen(/mtd1/interfaces) failed : ");
 }
 
 TEST(KirvexServer, ChecksRequestsInThisOrder) {

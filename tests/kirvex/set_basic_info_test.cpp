@@ -1,8 +1,8 @@
 #include "kirvex/set_basic_info.h"
 
 #include "kirvex/account.h"
-#include "kirvex/bench.h"
 #include "kirvex/search.h"
+#include "kirvex/support.h"
 
 // Bytes as what takes so many of them.
 template <size_t kSize>
@@ -82,7 +82,7 @@ TEST(KirvexSetBasicInfo, RewritesFilesAndRestartsTheNetwork) {
         EXPECT_EQ(dhcpClient.alive(), !done || !*row.gateway);
         EXPECT_EQ(ReadFile("/mtd1/interfaces"), row.interfaces);
         EXPECT_EQ(ReadFile("/etc/resolv.conf"), row.resolver);
-        EXPECT_TRUE(Holds(ReadFile(kServerLog), row.message)) << ReadFile(kServerLog);
+        EXPECT_SAYS(ReadFile(kServerLog), row.message);
         const std::string log = ReadFile(kPages + "log");
         EXPECT_EQ(log.empty(), row.account == "Admin"s);
         EXPECT_EQ(Holds(log, "THREAD_ID=4711"), row.account == "admin"s);
@@ -110,8 +110,8 @@ TEST(KirvexSetBasicInfo, RestartsNothingWhenTheReplyCannotBeSent) {
           KIRVEX_Reply_UserVerification, KIRVEX_Reply_ChangeIDPwd}) {
         const std::string output = OutputOf(
             [&] { EXPECT_EQ(reply("eth0", -1, {}, View<kx::kReceiveSize>(request)), -1); });
-        EXPECT_TRUE(Holds(output, "(): sendto error: Bad file descriptor\n")) << output;
+        EXPECT_SAYS(output, "(): sendto error: Bad file descriptor\n");
     }
-    EXPECT_TRUE(Holds(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n  hostname QVR-7140"));
+    EXPECT_SAYS(ReadFile("/mtd1/interfaces"), "iface eth0 inet dhcp\n  hostname QVR-7140");
     EXPECT_NE(access("/tmp/restart", F_OK), 0);
 }

@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "net/peers.h"
+#include "support/peers.h"
 
 static const std::string kHeader = "\xA9\xFA\1\0\0\1\0\0\0\0\0\0"s, kTail = "\0\0\1\0\1"s;
 
@@ -141,7 +141,7 @@ TEST(Dns, AsksARealServer) {
         WriteFile("/etc/resolv.conf", "nameserver " + servers + "\n");
         DnsAddrEntry entries[kDnsMaxAddresses] = {};
         const Outcome got = OBSERVE(DNS_GetA(name, entries, 1));
-        EXPECT_TRUE(Holds(got.messages, message)) << got.messages;
+        EXPECT_SAYS(got.messages, message);
         if (entries[1].valid && ntohl(entries[1].addr) < ntohl(entries[0].addr)) {
             std::swap(entries[0], entries[1]);  // a server hands several out in turn
         }
@@ -149,7 +149,7 @@ TEST(Dns, AsksARealServer) {
     }
     unlink("/etc/resolv.conf");
     const Outcome got = OBSERVE(DNS_GetA("one.test", std::array<DnsAddrEntry, 10>().data(), 1));
-    EXPECT_TRUE(Holds(got.messages, "fopen(/etc/resolv.conf) error : No such file or directory\n"));
+    EXPECT_SAYS(got.messages, "fopen(/etc/resolv.conf) error : No such file or directory\n");
     EXPECT_EQ(got.result, -1);
 }
 

@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "net/peers.h"
+#include "support/peers.h"
 
 #ifdef __SANITIZE_ADDRESS__
 // Here more than 3 MB can't be had at a time.
@@ -209,7 +209,21 @@ TEST(Http, Failures) {
         return result;
     });
     EXPECT_EQ(got.result, 0);
-    EXPECT_TRUE(Holds(got.messages, "COM_SubSendHttpCmd(): socket() error : Too many open files"));
+    EXPECT_SAYS(got.messages, "COM_SubSendHttpCmd(): socket() error : Too many open files");
+}
+
+TEST(Http, TriesAddressesUntilOneAnswers) {
+    WriteFile("/etc/resolv.conf", "nameserver 127.0.0.1\n");
+    ServeNames();
+    ScriptedServer one([](int peer) { SendBytes(peer, "A: b\r\n\r\nok"); }, 0, INADDR_LOOPBACK),
+        both([](int) {});
+    for (int i = 0; i < 4; ++i) {  // the name server hands its addresses out in turn
+        const std::string url = one.Url("", "nvr.test"), emptyUrl = both.Url("", "nvr.test");
+        EXPECT_EQ(OBSERVE(COM_GetHttpContent(url.c_str(), r, nullptr)).bytes, "ok");
+        EXPECT_EQ(OBSERVE(COM_GetHttpContent(emptyUrl.c_str(), r, nullptr)).result, 0);
+    }
+    EXPECT_EQ(one.Requests().size(), 4u);
+    EXPECT_EQ(both.Requests().size(), 4u) << "an empty answer is one";
 }
 
 // What there is memory for ends in a zero byte, also where there is none for more.

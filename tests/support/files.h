@@ -47,3 +47,10 @@ inline std::string ListFolder(const std::string &path) {
     pclose(pipe);
     return text;
 }
+
+inline bool Holds(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+// Expects a text, such as what was printed, to hold another.
+#define EXPECT_SAYS(text, part) EXPECT_PRED2(Holds, text, part)

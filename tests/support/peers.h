@@ -1,9 +1,11 @@
-// Peers of the tests: sockets, and a server that does what no real one would.
+// Peers of the tests: sockets, a server that does what no real one would, and a name server; and
+// what came of a call to them.
 #pragma once
 
 #include <arpa/inet.h>
 #include <poll.h>
 
+#include <chrono>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -13,10 +15,6 @@
 #include "support/files.h"
 
 using std::string_literals::operator""s;
-
-inline bool Holds(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 // A socket at a port, by default at one that the system picks.
 struct BoundSocket {
@@ -46,8 +44,9 @@ inline void HoldOpen(int peer) {
 // script on it.
 class ScriptedServer {
   public:
-    explicit ScriptedServer(std::function<void(int peer)> script, uint16_t port = 0)
-        : socket_(SOCK_STREAM, INADDR_ANY, port) {
+    explicit ScriptedServer(std::function<void(int peer)> script, uint16_t port = 0,
+                            in_addr_t host = INADDR_ANY)
+        : socket_(SOCK_STREAM, host, port) {
         listen(socket_.fd.get(), 8);
         thread_ = std::thread([=, this] {
             for (int sock; (sock = accept(socket_.fd.get(), nullptr, nullptr)) >= 0;) {
@@ -96,3 +95,39 @@ struct Beside : testing::Environment {
     void (*check)();
     std::thread thread;
 };
+
+// What a call returned, left in its buffer, printed, and took.
+struct Outcome {
+    int result;
+    std::string bytes, messages;
+    double seconds;
+};
+
+inline Outcome Observe(const std::function<int(char **)> &call) {
+    Outcome got{};
+    char *buffer = nullptr;
+    const auto start = std::chrono::steady_clock::now();
+    got.messages = OutputOf([&] { got.result = call(&buffer); });
+    got.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const HeapBlock<char> owner(buffer);
+    EXPECT_EQ(buffer != nullptr, got.result > 0);
+    if (buffer && got.result > 0) {
+        EXPECT_EQ(buffer[got.result - 1], '\0');
+        got.bytes.assign(buffer, got.result - 1);
+    }
+    return got;
+}
+
+// The outcome of a call in which `r` stands for the address of its buffer.
+#define OBSERVE(expression) Observe([&]([[maybe_unused]] char **r) { return (expression); })
+
+// Has a name server serve until the private host ends; in the foreground (-d) it keeps its user,
+// which an ordinary user's namespace can't change.
+inline void ServeNames() {
+    static const int status = system(
+        "/usr/sbin/dnsmasq -d -C /dev/null -u root -R -h -x '' -z -a 127.0.0.1 --local=/test/ "
+        "--host-record=one.test,10.0.0.1 --cname=alias.test,one.test "
+        "--host-record=nvr.test,127.0.0.77 --host-record=nvr.test,127.0.0.1 >/dev/null 2>&1 & "
+        "for i in $(seq 200); do grep -q ':0035 ' /proc/net/udp && exit; sleep 0.05; done; exit 1");
+    ASSERT_EQ(status, 0);
+}

@@ -101,7 +101,9 @@ static std::string_view LineAt(std::string_view text, size_t position) {
     const size_t before = position == 0 ? text.npos : text.rfind('\n', position - 1);
     const size_t start = before == text.npos ? 0 : before + 1;
     const size_t end = text.find('\n', position);
-    return text.substr(start, end == text.npos ? end : end + 1 - start);
+    text.remove_suffix(end == text.npos ? 0 : text.size() - end - 1);
+    text.remove_prefix(start);  // substr() would need the C++ library, to throw
+    return text;
 }
 
 void InPlaceEdit::ReportCopyBack() const {

@@ -23,7 +23,7 @@ static void ReadTables(Input &input) {
     for (int i = 0; i < count; ++i) {
         Require(memchr(names[i].text, '\0', sizeof names[i].text));
     }
-    ReadBrand("/tmp/table");
+    frame::ReadBrand("/tmp/table");
 }
 
 static void ReadNetInfo(Input &input) {

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string path = std::string(kFolder) + "/" + kind + suffix.c_str();
     const std::string text = NextText(input);
     WriteFile(path.c_str(), text);
-    WatchdogFolder(kFolder).Scan();
+    config::WatchdogFolder(kFolder).Scan();
     unlink(path.c_str());
     TQ_WatchdogRerun(text.c_str());
     return 0;

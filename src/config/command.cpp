@@ -45,7 +45,7 @@ struct HeldSignals {
 
 }  // namespace
 
-void SetTerminalSignals(void (*handler)(int)) {
+void config::SetTerminalSignals(void (*handler)(int)) {
     signal(SIGPIPE, handler);
     signal(SIGHUP, handler);
 }
@@ -75,7 +75,7 @@ int COM_System(const char *command, pid_t *pid) {
     if (child == 0) {
         COM_CloseFdExceptSTD(getpid());
         held.Restore();
-        SetTerminalSignals(SIG_DFL);
+        config::SetTerminalSignals(SIG_DFL);
         COM_ParserCMD(command);
         fflush(stdout);
         _exit(127);

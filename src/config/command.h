@@ -3,9 +3,13 @@
 
 #include <sys/types.h>
 
+namespace config {
+
 // What becomes of the process when the reader of its messages (SIGPIPE) or the terminal that it was
 // started from (SIGHUP) is gone: SIG_IGN in the daemon, SIG_DFL in the commands that it runs.
 void SetTerminalSignals(void (*handler)(int));
+
+}  // namespace config
 
 // Runs a command line and waits for it. Returns the raw wait status (0 when it exited with 0), or
 // -1 on failure. While it runs, *pid is its process id; afterwards 0. `pid` may be null.

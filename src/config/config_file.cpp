@@ -12,6 +12,15 @@
 static constexpr char kSource[] = "TQ";
 static constexpr char kNetSetupKey[] = "NETSETUP";
 
+TQ_Cfg config::Defaults() {
+    TQ_Cfg cfg{};
+    cfg.pCfgFile = kDefaultConfigFile;
+    CopyText(cfg.netfile, "/etc/network/interfaces");
+    CopyText(cfg.dnsfile, "/etc/resolv.conf");
+    CopyText(cfg.netscript, "/etc/init.d/networking restart");
+    return cfg;
+}
+
 struct TextSetting {
     const char *key;
     char (TQ_Cfg::*field)[80];

@@ -1,8 +1,6 @@
 // The daemon's configuration file: lines of KEY="value".
 #pragma once
 
-inline constexpr char kDefaultConfigFile[] = "/etc/TQ.conf";
-
 struct TQ_Cfg {
     const char *pCfgFile;  // the file's path; belongs to the caller
     int netsetup;          // 1: network setup is allowed
@@ -19,3 +17,12 @@ struct TQ_Cfg {
 // Reads the file named by `pCfgFile` into the record; what it does not name stays as it was.
 // Returns 0, or -1 when the file can't be opened.
 int TQ_ParsetCfg(TQ_Cfg *cfg);
+
+namespace config {
+
+inline constexpr char kDefaultConfigFile[] = "/etc/TQ.conf";
+
+// The record as it is when no file has said otherwise.
+[[nodiscard]] TQ_Cfg Defaults();
+
+}  // namespace config

@@ -11,6 +11,8 @@
 
 #include "common/text.h"
 
+namespace config {
+
 TerminationHeld::TerminationHeld() {
     sigset_t ending;
     sigemptyset(&ending);
@@ -147,3 +149,5 @@ bool InPlaceEdit::Sync() {
     TQ_LOG_FOR(origin_, "fsync(%s) error : %s\n", path_, strerror(errno));
     return false;
 }
+
+}  // namespace config

@@ -9,6 +9,8 @@
 #include "common/owners.h"
 #include "frame/message.h"
 
+namespace config {
+
 // What differs between the editors.
 struct InPlaceEditRules {
     const char *temporaryFile;  // a mkstemp template
@@ -84,3 +86,5 @@ class InPlaceEdit {
     bool readFailed_ = false;
     off_t length_ = 0;
 };
+
+}  // namespace config

@@ -14,7 +14,7 @@
 
 static constexpr char kSource[] = "COMMON";
 static constexpr MessageOrigin kOrigin{kSource, "COM_ReplaceItemsInFile"};
-static constexpr InPlaceEditRules kRules{"/var/COM_XXXXXX", "fail", true, true};
+static constexpr config::InPlaceEditRules kRules{"/var/COM_XXXXXX", "fail", true, true};
 
 static bool Matches(const COM_ReplaceItem &item, const char *line, bool anywhere) {
     const size_t length = std::min(static_cast<size_t>(item.key_len), sizeof item.key - 1);
@@ -49,7 +49,7 @@ static size_t TakeItemLine(const COM_ReplaceItem &item, char (&line)[256]) {
 }
 
 // Writes the file's new text to the copy. Returns the number of items used, or -1.
-static int WriteNewText(InPlaceEdit *edit, const COM_ReplaceItemList &list) {
+static int WriteNewText(config::InPlaceEdit *edit, const COM_ReplaceItemList &list) {
     const std::span<COM_ReplaceItem> items(list.items,
                                            static_cast<size_t>(std::max(list.count, 0)));
     int used = 0;
@@ -81,7 +81,7 @@ static int WriteNewText(InPlaceEdit *edit, const COM_ReplaceItemList &list) {
 }
 
 int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list) {
-    InPlaceEdit edit(path, kRules, kOrigin);
+    config::InPlaceEdit edit(path, kRules, kOrigin);
     int result = edit ? WriteNewText(&edit, *list) : -1;
     if (list->check_only || edit.ReadFailed()) {
         return result;
@@ -97,7 +97,7 @@ int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list) {
     return result == -1 || edit.Sync() ? result : -1;
 }
 
-int ReplaceNameServer(const char *path, const char *server) {
+int config::ReplaceNameServer(const char *path, const char *server) {
     static constexpr char kKey[] = "nameserver";
     COM_ReplaceItem item{};
     item.key_len = sizeof kKey - 1;

@@ -20,6 +20,10 @@ struct COM_ReplaceItemList {
 // missing file is created; a failure before the new text is complete empties the file.
 int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list);
 
+namespace config {
+
 // Replaces the first line that begins with "nameserver". Returns 1, 0 when there is no such line,
 // or -1.
-int ReplaceNameServer(const char *path, const char *server);
+[[nodiscard]] int ReplaceNameServer(const char *path, const char *server);
+
+}  // namespace config

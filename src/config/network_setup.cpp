@@ -23,7 +23,7 @@ struct Setup {
 static bool WriteDhcp(int out, const UnitInfo &request) {
     // "(none)" is what an unset host name reads.
     const bool named = strcmp(request.name, "(none)") != 0;
-    if (!WriteDhcpStanza(out, request.dev, named ? request.name : nullptr)) {
+    if (!config::WriteDhcpStanza(out, request.dev, named ? request.name : nullptr)) {
         return false;
     }
     TQ_LOG_FOR(kOrigin, "\n==\niface %s inet dhcp\n  hostname %s\n\n==\n", request.dev,
@@ -32,10 +32,10 @@ static bool WriteDhcp(int out, const UnitInfo &request) {
 }
 
 static bool WriteStatic(int out, const UnitInfo &request) {
-    const StaticStanza stanza{request.dev, request.note, request.ip, request.netmask,
-                              request.gateway};
-    const bool withGateway = HasUsableGateway(stanza, kOrigin);
-    if (!WriteStaticStanza(out, stanza, withGateway)) {
+    const config::StaticStanza stanza{request.dev, request.note, request.ip, request.netmask,
+                                      request.gateway};
+    const bool withGateway = config::HasUsableGateway(stanza, kOrigin);
+    if (!config::WriteStaticStanza(out, stanza, withGateway)) {
         return false;
     }
     if (withGateway) {
@@ -49,20 +49,21 @@ static bool WriteStatic(int out, const UnitInfo &request) {
     return true;
 }
 
-static StanzaOutcome WriteStanza(int out, void *context) {
+static config::StanzaOutcome WriteStanza(int out, void *context) {
     Setup *setup = static_cast<Setup *>(context);
     const UnitInfo &request = *setup->request;
     if (strcmp(request.note, "dhcp") == 0) {
-        return WriteDhcp(out, request) ? StanzaOutcome::kWritten : StanzaOutcome::kWriteFailed;
+        return WriteDhcp(out, request) ? config::StanzaOutcome::kWritten
+                                       : config::StanzaOutcome::kWriteFailed;
     }
     if (!WriteStatic(out, request)) {
-        return StanzaOutcome::kWriteFailed;
+        return config::StanzaOutcome::kWriteFailed;
     }
     // The interfaces file is still rewritten; only the commands are not run.
-    if (ReplaceNameServer(setup->cfg->dnsfile, request.dns) < 1) {
+    if (config::ReplaceNameServer(setup->cfg->dnsfile, request.dns) < 1) {
         setup->resolverFailed = true;
     }
-    return StanzaOutcome::kWritten;
+    return config::StanzaOutcome::kWritten;
 }
 
 int TQ_SetupNetwork(const TQ_Cfg *cfg, const UnitInfo *request) {
@@ -70,8 +71,8 @@ int TQ_SetupNetwork(const TQ_Cfg *cfg, const UnitInfo *request) {
         return -1;
     }
     Setup setup{cfg, request, false};
-    const StanzaEdit edit{cfg->netfile, request->dev, WriteStanza, &setup, kOrigin, true};
-    if (ReplaceStanza(edit) == -1 || setup.resolverFailed) {
+    const config::StanzaEdit edit{cfg->netfile, request->dev, WriteStanza, &setup, kOrigin, true};
+    if (config::ReplaceStanza(edit) == -1 || setup.resolverFailed) {
         return -1;
     }
     if (cfg->netscript[0] != '\0') {

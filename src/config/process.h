@@ -3,7 +3,11 @@
 
 #include <sys/types.h>
 
+namespace config {
+
 inline constexpr char kDefaultPidFile[] = "/var/run/TQ.pid";
+
+}  // namespace config
 
 // Sends SIGTERM to every process whose first command-line word contains `name` and fails to contain
 // at least one of the further texts (a null ends them). Without further texts nothing is signalled.

@@ -7,6 +7,8 @@
 #include "common/address.h"
 #include "config/in_place_edit.h"
 
+namespace config {
+
 static constexpr InPlaceEditRules kRules{"/tmp/TQ_XXXXXX", "faied", false, false};
 static constexpr char kStanzaWord[] = "iface";
 static constexpr char kAutoWord[] = "auto";
@@ -92,3 +94,5 @@ bool WriteStaticStanza(int out, const StaticStanza &stanza, bool withGateway) {
                    stanza.device, stanza.method, stanza.address, stanza.netmask,
                    stanza.gateway) >= 0;
 }
+
+}  // namespace config

@@ -3,6 +3,8 @@
 
 #include "frame/message.h"
 
+namespace config {
+
 enum class StanzaOutcome {
     kWritten,
     kWriteFailed,  // ends the walk; the file keeps its old contents
@@ -44,3 +46,5 @@ struct StaticStanza {
 
 // Writes the stanza, without a gateway line when `withGateway` is false.
 [[nodiscard]] bool WriteStaticStanza(int out, const StaticStanza &stanza, bool withGateway);
+
+}  // namespace config

@@ -116,7 +116,7 @@ static void ExpandCommand(const char *text, char *command, size_t size) {
                command, due);
     fflush(stdout);
     COM_CloseFdExceptSTD(getpid());
-    SetTerminalSignals(SIG_DFL);
+    config::SetTerminalSignals(SIG_DFL);
     // What the command made of itself is its own affair.
     [[maybe_unused]] const int status = system(command);
     _exit(0);
@@ -148,6 +148,8 @@ int TQ_WatchdogRerun(const char *text) {
     TQ_LOG("Parent : Rerun [%s] at %" PRId64 "\n", command, request.due);
     return 0;
 }
+
+namespace config {
 
 static std::optional<RequestState> StateOf(const char *path) {
     struct stat status;
@@ -238,6 +240,8 @@ void WatchdogFolder::Scan() {
     }
 }
 
+}  // namespace config
+
 void TQ_Watchdog(const char *folder) {
     if (!folder) {
         TQ_LOG("Invalid pFolder - Watchdog exit\n");
@@ -249,7 +253,7 @@ void TQ_Watchdog(const char *folder) {
     children.sa_flags = SA_NOCLDWAIT;
     sigaction(SIGCHLD, &children, nullptr);
     mkdir(folder, 0755);
-    WatchdogFolder requests(folder);
+    config::WatchdogFolder requests(folder);
     while (true) {
         requests.Scan();
         COM_TakeABreak({1, 0}, 1000);

@@ -9,11 +9,22 @@
 
 #include "common/owners.h"
 
-inline constexpr char kWatchdogFolder[] = "/var/watchdog";
-
 // Looks at the folder once a second, for ever, and removes each request that was carried out. With
 // a null folder it says so and returns.
 void TQ_Watchdog(const char *folder);
+
+// The actions. The text is the due time in seconds since the epoch (0: at once). 0 when carried
+// out; -1 when it is not due yet or the text is of no use.
+int TQ_WatchdogReboot(const char *text);
+int TQ_WatchdogShutdown(const char *text);
+
+// Behind the due time stand a comma and a command for the shell. "%%" in it is one per cent sign;
+// any other per cent sign stands for itself.
+int TQ_WatchdogRerun(const char *text);
+
+namespace config {
+
+inline constexpr char kWatchdogFolder[] = "/var/watchdog";
 
 // One writing of a request file.
 struct RequestState {
@@ -48,11 +59,4 @@ class WatchdogFolder {
     size_t count_ = 0;
 };
 
-// The actions. The text is the due time in seconds since the epoch (0: at once). 0 when carried
-// out; -1 when it is not due yet or the text is of no use.
-int TQ_WatchdogReboot(const char *text);
-int TQ_WatchdogShutdown(const char *text);
-
-// Behind the due time stand a comma and a command for the shell. "%%" in it is one per cent sign;
-// any other per cent sign stands for itself.
-int TQ_WatchdogRerun(const char *text);
+}  // namespace config

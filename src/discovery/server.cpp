@@ -254,7 +254,7 @@ void TQ_Server_MORA(const char *pidFile, const char *device, TQ_Cfg *cfg) {
     TQ_ParsetCfg(cfg);
     NativeServer server(device, cfg);
     server.OpenListener();
-    COM_SavePid(pidFile ? pidFile : kDefaultPidFile);
+    COM_SavePid(pidFile ? pidFile : config::kDefaultPidFile);
     server.OpenUdpSocket();
     while (true) {
         server.ServeNext();

@@ -39,15 +39,6 @@ struct Options {
 
 }  // namespace
 
-static TQ_Cfg DefaultConfiguration() {
-    TQ_Cfg cfg{};
-    cfg.pCfgFile = kDefaultConfigFile;
-    CopyText(cfg.netfile, "/etc/network/interfaces");
-    CopyText(cfg.dnsfile, "/etc/resolv.conf");
-    CopyText(cfg.netscript, "/etc/init.d/networking restart");
-    return cfg;
-}
-
 // Returns 0, or -1 after a bad option.
 static int ReadOptions(int argc, char **argv, Options *options, TQ_Cfg *cfg) {
     static constexpr MessageOrigin kOrigin{kSource, "main"};
@@ -102,7 +93,7 @@ int main(int argc, char **argv) {
     FillStandardStreams();
     // Messages reach a log file as they happen, and no process prints another's buffer.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    TQ_Cfg cfg = DefaultConfiguration();
+    TQ_Cfg cfg = config::Defaults();
     COM_Version();
     TQ_Version();
     Options options;
@@ -114,7 +105,7 @@ int main(int argc, char **argv) {
         return 0;
     }
     // A unit serves on when the reader of its messages, or whoever started it, has gone.
-    SetTerminalSignals(SIG_IGN);
+    config::SetTerminalSignals(SIG_IGN);
     TQ_LOG("Start TQ in daemon mode\n");
     fflush(stdout);
     if (fork() == 0) {
@@ -125,8 +116,8 @@ int main(int argc, char **argv) {
     }
     // A failed fork is treated as the parent: what was asked of it can still be done.
     if (options.watchdog) {
-        TQ_LOG("Parent Process : Start TQ_Watchdog(%s)\n", kWatchdogFolder);
-        TQ_Watchdog(kWatchdogFolder);
+        TQ_LOG("Parent Process : Start TQ_Watchdog(%s)\n", config::kWatchdogFolder);
+        TQ_Watchdog(config::kWatchdogFolder);
     } else {
         TQ_LOG("Parent Process : take a break than exit\n");
     }

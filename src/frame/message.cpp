@@ -23,7 +23,7 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
         if (length >= 0 && static_cast<size_t>(length) < size) {
             break;
         }
-        // A negative length is how old C libraries say "too small".
+        // A negative length does not tell how much room the text takes.
         size = length >= 0 ? static_cast<size_t>(length) + 1 : size * 2;
         char *grown = static_cast<char *>(realloc(text.get(), size));
         if (grown) {

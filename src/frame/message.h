@@ -1,4 +1,5 @@
-// The one printer of diagnostics: every message goes to standard output, always.
+// The one printer of diagnostics: every message goes to standard output, always. Of this room every
+// other one may see this header and nothing else: with common/ it is what all stand on.
 #pragma once
 
 // Prints "file,line:function(): text", or "file,line: text" when `function` is null. `format` and

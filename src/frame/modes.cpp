@@ -38,7 +38,7 @@ static unsigned ParseBrand(const char *text) {
     return brand;
 }
 
-unsigned ReadBrand(const char *path) {
+unsigned frame::ReadBrand(const char *path) {
     TextFile file(path);
     if (!file) {
         TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %s\n", path,
@@ -57,7 +57,7 @@ unsigned ReadBrand(const char *path) {
 }
 
 int TQ_Server(const char *pidFile, const char *device, TQ_Cfg *cfg) {
-    if (ReadBrand("/proc/cpuinfo") == kKirvexBrand) {
+    if (frame::ReadBrand("/proc/cpuinfo") == kKirvexBrand) {
         return TQ_Server_KIRVEX(pidFile, device);
     }
     TQ_Server_MORA(pidFile, device, cfg);

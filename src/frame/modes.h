@@ -11,6 +11,10 @@ int TQ_Client(const char *device, const char *filter);
 // server does, with its result.
 int TQ_Server(const char *pidFile, const char *device, TQ_Cfg *cfg);
 
+namespace frame {
+
 // The brand number that a file in the format of "/proc/cpuinfo" tells: the last "brandid" line
 // counts. 0 when there is none or, with a message, when the file can't be opened.
 unsigned ReadBrand(const char *path);
+
+}  // namespace frame

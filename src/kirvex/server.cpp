@@ -93,7 +93,7 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
         return -1;
     }
     TQ_LOG("Create KIRVEX UDP Socket (fd = %d)\n", sock.get());
-    COM_SavePid(pidFile ? pidFile : kDefaultPidFile);
+    COM_SavePid(pidFile ? pidFile : config::kDefaultPidFile);
     // Never cleared again: what a short request does not carry is read from the one before it.
     uint8_t packet[kx::kReceiveSize] = {};
     sockaddr_in sender{};

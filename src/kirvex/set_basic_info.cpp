@@ -33,34 +33,37 @@ struct NewStanza {
 
 }  // namespace
 
-static StanzaOutcome WriteStatic(int out, const NewStanza &wanted) {
+static config::StanzaOutcome WriteStatic(int out, const NewStanza &wanted) {
     const kx::AddressText address = kx::ReadAddress(wanted.settings, kx::kNewAddress);
     const kx::AddressText netmask = kx::ReadAddress(wanted.settings, kx::kNetmask);
     const kx::AddressText gateway = kx::ReadAddress(wanted.settings, kx::kGateway);
-    const StaticStanza stanza{wanted.device, "static", address.text, netmask.text, gateway.text};
-    if (!WriteStaticStanza(out, stanza, HasUsableGateway(stanza, wanted.origin))) {
-        return StanzaOutcome::kWriteFailed;
+    const config::StaticStanza stanza{wanted.device, "static", address.text, netmask.text,
+                                      gateway.text};
+    if (!config::WriteStaticStanza(out, stanza, config::HasUsableGateway(stanza, wanted.origin))) {
+        return config::StanzaOutcome::kWriteFailed;
     }
     // A resolver file that can't be edited does not matter; one without a name server does.
     const kx::AddressText server = kx::ReadAddress(wanted.settings, kx::kPrimaryDns);
-    return ReplaceNameServer(kResolverFile, server.text) == 0 ? StanzaOutcome::kRefused
-                                                              : StanzaOutcome::kWritten;
+    return config::ReplaceNameServer(kResolverFile, server.text) == 0
+               ? config::StanzaOutcome::kRefused
+               : config::StanzaOutcome::kWritten;
 }
 
-static StanzaOutcome WriteWanted(int out, void *context) {
+static config::StanzaOutcome WriteWanted(int out, void *context) {
     const NewStanza &wanted = *static_cast<const NewStanza *>(context);
     if (!WantsDhcp(wanted.settings)) {
         return WriteStatic(out, wanted);
     }
     const bool named = strncmp(CameraName(wanted.settings), "(none)", kx::kCameraName.size) != 0;
-    return WriteDhcpStanza(out, wanted.device, named ? kx::kOwnModel : nullptr)
-               ? StanzaOutcome::kWritten
-               : StanzaOutcome::kWriteFailed;
+    return config::WriteDhcpStanza(out, wanted.device, named ? kx::kOwnModel : nullptr)
+               ? config::StanzaOutcome::kWritten
+               : config::StanzaOutcome::kWriteFailed;
 }
 
 int KIRVEX_NetWorkSetup(const char *device, kx::SettingsBlock settings) {
     NewStanza wanted{device, settings, {kSource, __func__}};
-    return ReplaceStanza({kx::kOwnInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
+    return config::ReplaceStanza(
+        {kx::kOwnInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
 }
 
 // Whether the name that a request carries is this unit's, or a leading part of it.

@@ -75,7 +75,7 @@ static std::string Shorten(const std::string &output) {
 // Sets eth0 to DHCP in an interfaces file, or, without one, the name server in /srv/f.
 static int Edit(const char *netfile) {
     if (!netfile) {
-        return ReplaceNameServer("/srv/f", "2");
+        return config::ReplaceNameServer("/srv/f", "2");
     }
     TQ_Cfg cfg{};
     strcpy(cfg.netfile, netfile);
@@ -137,7 +137,7 @@ TEST(LineEditor, ReplacesDeletesAndAppendsWholeLines) {
         stat("/tmp/lines", &status);
         EXPECT_EQ(0640u, status.st_mode & 0777);
     }
-    EXPECT_EQ(0, ReplaceNameServer("/tmp/created", "1.2.3.4"));
+    EXPECT_EQ(0, config::ReplaceNameServer("/tmp/created", "1.2.3.4"));
     EXPECT_EQ("", ReadFile("/tmp/created"));
     EXPECT_EQ(0, access("/tmp/created", F_OK));
 }
@@ -296,15 +296,15 @@ TEST(Editors, AreNotCutShort) {
         WriteFile("/tmp/resolver", "nameserver 1.1.1.1\n");
         const pid_t child = fork();
         if (child == 0) {
-            const StanzaWriter write = [](int out, void *context) {
+            const config::StanzaWriter write = [](int out, void *context) {
                 raise(*static_cast<int *>(context));
-                return ReplaceNameServer("/tmp/resolver", "2") == 1 &&
-                               WriteDhcpStanza(out, "eth0", nullptr)
-                           ? StanzaOutcome::kWritten
-                           : StanzaOutcome::kWriteFailed;
+                return config::ReplaceNameServer("/tmp/resolver", "2") == 1 &&
+                               config::WriteDhcpStanza(out, "eth0", nullptr)
+                           ? config::StanzaOutcome::kWritten
+                           : config::StanzaOutcome::kWriteFailed;
             };
             int number = signal;
-            _exit(ReplaceStanza({"/tmp/interfaces", "eth0", write, &number, {}, true}));
+            _exit(config::ReplaceStanza({"/tmp/interfaces", "eth0", write, &number, {}, true}));
         }
         int status = 0;
         waitpid(child, &status, 0);
@@ -351,12 +351,12 @@ TEST(Command, RunsWithoutAShell) {
                                      EXPECT_EQ(-1, COM_System(nullptr, nullptr));
                                  }).find("COM_System(): pCMD == NULL\n"));
     // Ignored by the daemon, but not by its commands.
-    SetTerminalSignals(SIG_IGN);
+    config::SetTerminalSignals(SIG_IGN);
     for (const int signal : {SIGTERM, SIGHUP, SIGPIPE}) {
         WriteFile("/tmp/ended", "kill -" + std::to_string(signal) + " $$\n");
         EXPECT_EQ(COM_System("/bin/sh /tmp/ended", nullptr), signal);
     }
-    SetTerminalSignals(SIG_DFL);
+    config::SetTerminalSignals(SIG_DFL);
 }
 
 // A process whose command line begins with `name`.
@@ -470,7 +470,7 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
         const std::string path = std::string("/var/watchdog/") + c.name;
         const pid_t init = StartDecoy("init");
         WriteFile(path, c.text);
-        const std::string output = OutputOf([] { WatchdogFolder("/var/watchdog").Scan(); });
+        const std::string output = OutputOf([] { config::WatchdogFolder("/var/watchdog").Scan(); });
         EXPECT_EQ(c.removed, access(path.c_str(), F_OK) != 0) << c.name << c.text;
         EXPECT_NE(std::string::npos, output.find(c.message)) << output;
         remove(path.c_str());
@@ -494,7 +494,7 @@ TEST(Watchdog, CarriesOutARequestOnce) {
     };
     const int leak = fcntl(STDOUT_FILENO, F_DUPFD, 77);
     const std::string command = "0,echo ran >>/tmp/reran; ls /proc/self/fd >/tmp/fds";
-    WatchdogFolder folder("/var/watchdog");
+    config::WatchdogFolder folder("/var/watchdog");
     // One that can't be removed; written anew, it is another one.
     for (const std::string ran : {"ran\n", "ran\nran\n"}) {
         WriteFile("/var/watchdog/RERUN", command);
@@ -532,7 +532,7 @@ TEST(Watchdog, SeesRequestsOnEveryFileSystem) {
         "mkdir /tmp/upper /tmp/work /tmp/merged && mount -t tmpfs lower /srv && echo 0,true "
         ">/srv/RERUN && mount -t overlay -o "
         "lowerdir=/srv,upperdir=/tmp/upper,workdir=/tmp/work,xino=on overlay /tmp/merged");
-    OutputOf([] { WatchdogFolder("/tmp/merged").Scan(); });
+    OutputOf([] { config::WatchdogFolder("/tmp/merged").Scan(); });
     EXPECT_EQ("", ListFolder("/tmp/merged"));
     // The child of the re-run holds the folder until it ends.
     while (waitpid(-1, nullptr, 0) > 0) {

@@ -32,9 +32,9 @@ TEST(Brand, IsTheNumberOfTheLastLineThatNamesIt) {
                   {"", 0}};
     for (const auto &c : kCases) {
         WriteFile("/tmp/cpuinfo", c.text);
-        EXPECT_EQ(c.brand, ReadBrand("/tmp/cpuinfo")) << c.text;
+        EXPECT_EQ(c.brand, frame::ReadBrand("/tmp/cpuinfo")) << c.text;
     }
     EXPECT_NE(std::string::npos, OutputOf([] {
-                                     EXPECT_EQ(0u, ReadBrand("/tmp/none"));
+                                     EXPECT_EQ(0u, frame::ReadBrand("/tmp/none"));
                                  }).find("TQ_Server(): fopen(\"/tmp/none\") failed: No such"));
 }

@@ -2,8 +2,8 @@
 
 #include <ctime>
 
-int64_t MonotonicMicroseconds() {
+timeval MonotonicTime() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+    return {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
 }

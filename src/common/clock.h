@@ -1,12 +1,18 @@
 // The clock that nobody sets.
 #pragma once
 
+#include <sys/time.h>
+
 #include <cstdint>
 
-// Microseconds since some point in the past; setting the date does not change it.
-int64_t MonotonicMicroseconds();
+// The time since some point in the past; setting the date does not change it.
+timeval MonotonicTime();
 
-// The same in whole seconds.
+inline int64_t MonotonicMicroseconds() {
+    const timeval now = MonotonicTime();
+    return int64_t{now.tv_sec} * 1000000 + now.tv_usec;
+}
+
 inline int64_t MonotonicSeconds() {
-    return MonotonicMicroseconds() / 1000000;
+    return MonotonicTime().tv_sec;
 }

@@ -4,14 +4,12 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 #include "common/clock.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
-static constexpr int64_t kMicroseconds = 1000000;  // of a second
 
 int COM_SetSocketTimeout(int sock, int seconds) {
     const timeval limit{seconds, 0};
@@ -28,22 +26,24 @@ int COM_SetSocketTimeout(int sock, int seconds) {
 
 int WaitForSocket(int sock, short events, timeval *remaining) {
     pollfd wanted{sock, events, 0};
-    const int64_t start = MonotonicMicroseconds();
-    const int64_t limit =
-        remaining ? int64_t{remaining->tv_sec} * kMicroseconds + remaining->tv_usec : 0;
-    int64_t left = limit;
+    timeval end = MonotonicTime();
+    if (remaining) {
+        timeradd(&end, remaining, &end);
+    }
     int ready;
     do {
-        const timespec wait{static_cast<time_t>(left / kMicroseconds),
-                            static_cast<long>(left % kMicroseconds) * 1000};
+        timespec wait{};
+        if (remaining) {
+            wait = {remaining->tv_sec, remaining->tv_usec * 1000};
+        }
         ready = ppoll(&wanted, 1, remaining ? &wait : nullptr, nullptr);
-        const int64_t used = MonotonicMicroseconds() - start;
-        left = ready == 0 || used >= limit ? 0 : limit - used;
+        const timeval now = MonotonicTime();
+        if (remaining && ready != 0 && timercmp(&now, &end, <)) {
+            timersub(&end, &now, remaining);
+        } else if (remaining) {
+            *remaining = {};
+        }
     } while (ready == -1 && errno == EINTR);
-    if (remaining) {
-        remaining->tv_sec = static_cast<time_t>(left / kMicroseconds);
-        remaining->tv_usec = static_cast<suseconds_t>(left % kMicroseconds);
-    }
     return ready;
 }
 

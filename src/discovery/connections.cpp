@@ -58,7 +58,8 @@ int WaitingConnections::TimeLeft() const {
     if (end == INT64_MAX) {
         return -1;
     }
-    return static_cast<int>(std::max<int64_t>(end - MonotonicMicroseconds(), 0) / 1000) + 1;
+    const int64_t left = std::clamp<int64_t>(end - MonotonicMicroseconds(), 0, kLongestWait);
+    return static_cast<int>(left) / 1000 + 1;
 }
 
 }  // namespace discovery

@@ -41,7 +41,7 @@ class ReplyWait {
     bool Next(int sock) {
         while (remaining_ > 0 || --late_ > 0) {
             pollfd wanted{sock, POLLIN, 0};
-            const int ready = poll(&wanted, 1, static_cast<int>((remaining_ + 999) / 1000));
+            const int ready = poll(&wanted, 1, static_cast<int>(remaining_ + 999) / 1000);
             const int error = errno;
             if (ready == 0) {
                 return false;

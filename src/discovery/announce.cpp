@@ -35,9 +35,10 @@ static size_t Encode(int type, const UnitInfo &own, const UnitInfo *info, char *
     }
 }
 
-int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *info) {
+static int CreatePackage(unit::FactSource &facts, const char *device, int type, char *out,
+                         const UnitInfo *info) {
     UnitInfo own{};
-    COM_GetUnitInfo(&own, device);
+    unit::FillUnitInfo(&own, device, facts);
     const size_t size = Encode(type, own, info, out);
     // A unit without an address on this interface has nothing to say on it.
     if (size == 0 || strcmp(own.ip, kNoAddressText) == 0) {
@@ -45,6 +46,11 @@ int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *in
         return -1;
     }
     return 0;
+}
+
+int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *info) {
+    unit::FactSource facts;
+    return CreatePackage(facts, device, type, out, info);
 }
 
 int discovery::ParseReceived(std::span<char> package, UnitInfo *record) {
@@ -78,31 +84,73 @@ int TQ_ParserPackage(const char *text, UnitInfo *record) {
     return discovery::ParseReceived({copy.get(), size}, record);
 }
 
-static void SendPackageOn(UniqueFd *sock, const char *device, int type, uint16_t port) {
-    char package[discovery::kPackageSize];
-    if (TQ_CreatePackage(device, type, package, nullptr) == 0) {
-        BroadcastThrough(sock, device, port, package, static_cast<int>(strlen(package)) + 1);
-    }
-}
+namespace {
 
-void TQ_SendPackage(const char *device, int type, uint16_t port) {
-    UniqueFd sock;
-    if (device) {
-        SendPackageOn(&sock, device, type, port);
-        return;
+// A package of one type on its way out on several interfaces.
+class Announcement {
+  public:
+    Announcement(UniqueFd *packetSocket, int lent, int type, uint16_t port)
+        : packetSocket_(packetSocket), facts_(lent), type_(type), port_(port) {}
+
+    void SendOn(const char *device) {
+        char package[discovery::kPackageSize];
+        if (CreatePackage(facts_, device, type_, package, nullptr) == 0) {
+            discovery::BroadcastThrough(packetSocket_, facts_, device, port_,
+                                        {package, strlen(package) + 1});
+        }
     }
+
+    void SendOnEthernets();
+    void SendOnNone();
+
+  private:
+    UniqueFd *packetSocket_;
+    unit::FactSource facts_;
+    int type_;
+    uint16_t port_;
+    bool defaultDeviceIsSilent_ = false;
+};
+
+}  // namespace
+
+void Announcement::SendOnEthernets() {
     NetDeviceName *names = nullptr;
     const int count = COM_GetAllNetDevice(&names);
     const HeapBlock<NetDeviceName> owner(names);
     for (int i = count - 1; i >= 0; --i) {
-        if (strncmp(names[i].text, kEthernetPrefix, strlen(kEthernetPrefix)) == 0) {
-            SendPackageOn(&sock, names[i].text, type, port);
+        const char *name = names[i].text;
+        if (strncmp(name, kEthernetPrefix, strlen(kEthernetPrefix)) == 0) {
+            const unsigned before = COM_CountMessages();
+            SendOn(name);
+            defaultDeviceIsSilent_ |=
+                COM_CountMessages() == before && strcmp(name, COM_ConvertNetDevName(nullptr)) == 0;
         }
     }
+}
+
+// Linux refuses a datagram for no interface, without a message. All that can be seen of the package
+// is what the look-ups for it have to say: nothing, when the same ones have just said nothing.
+void Announcement::SendOnNone() {
     in_addr gateway;
-    if (COM_GetNetInfo(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
-        SendPackageOn(&sock, nullptr, type, port);
+    if (!defaultDeviceIsSilent_ && facts_.Get(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
+        SendOn(nullptr);
     }
+}
+
+void discovery::SendPackageThrough(UniqueFd *packetSocket, int lent, const char *device, int type,
+                                   uint16_t port) {
+    Announcement announcement(packetSocket, lent, type, port);
+    if (device) {
+        announcement.SendOn(device);
+        return;
+    }
+    announcement.SendOnEthernets();
+    announcement.SendOnNone();
+}
+
+void TQ_SendPackage(const char *device, int type, uint16_t port) {
+    UniqueFd packetSocket;
+    discovery::SendPackageThrough(&packetSocket, -1, device, type, port);
 }
 
 int TQ_SendNetworkSetupPkg(const char *device, uint16_t port, const UnitInfo *info) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 
+#include "common/owners.h"
 #include "discovery/package.h"
 #include "unit/unit_info.h"
 
@@ -28,6 +29,11 @@ void TQ_SendPackage(const char *device, int type, uint16_t port);
 int TQ_SendNetworkSetupPkg(const char *device, uint16_t port, const UnitInfo *info);
 
 namespace discovery {
+
+// TQ_SendPackage through a packet socket that is opened when *packetSocket is empty and left open.
+// `lent` is a UDP socket that serves for interface requests, or -1.
+void SendPackageThrough(UniqueFd *packetSocket, int lent, const char *device, int type,
+                        uint16_t port);
 
 // TQ_ParserPackage on what has been received, with its size; the bytes are used up.
 [[nodiscard]] int ParseReceived(std::span<char> package, UnitInfo *record);

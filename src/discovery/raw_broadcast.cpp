@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "common/owners.h"
 #include "common/text.h"
@@ -126,38 +127,9 @@ static sockaddr_ll Station(int interface, const uint8_t *mac) {
     return link;
 }
 
-// The ends of a datagram inside the subnet of an interface. An address that was set without a
-// broadcast address, as BusyBox's ifup does, leaves the kernel without one to tell: it is then the
-// one that address and netmask make.
-static bool SubnetEnds(const char *device, in_addr *source, in_addr *destination) {
-    if (COM_GetNetInfo(NETINFO_BROADCAST_RAW, device, destination) == -1 ||
-        COM_GetNetInfo(NETINFO_IP_RAW, device, source) == -1) {
-        return false;
-    }
-    in_addr netmask;
-    if (destination->s_addr == INADDR_ANY &&
-        COM_GetNetInfo(NETINFO_NETMASK_RAW, device, &netmask) == 0) {
-        destination->s_addr = source->s_addr | ~netmask.s_addr;
-    }
-    return true;
-}
-
-// The second copy, for units in the same subnet whose stacks drop what comes from 0.0.0.0.
-static void SendToSubnet(int sock, const sockaddr_ll &link, const char *device, uint16_t port,
-                         const Payload &payload) {
-    in_addr source;
-    in_addr destination;
-    if (!SubnetEnds(device, &source, &destination)) {
-        return;
-    }
-    if (!Datagram(source, destination, port, payload).Send(sock, link, 0)) {
-        TQ_LOG_UNNAMED("sendto(%s) error : %s\n", device, strerror(errno));
-    }
-}
-
 // Opens the packet socket unless it is open. Protocol 0 receives nothing: one that listens would
 // have to be unhooked before bind() can tie it to an interface, for which the kernel waits
-// milliseconds.
+// milliseconds; and no failure of an interface stays behind in it.
 static bool OpenPacketSocket(UniqueFd *sock) {
     if (*sock) {
         return true;
@@ -173,39 +145,99 @@ static bool OpenPacketSocket(UniqueFd *sock) {
                    SOL_SOCKET, SO_BROADCAST, strerror(errno));
         return false;
     }
-    *sock = static_cast<UniqueFd &&>(opened);
+    *sock = std::move(opened);
     return true;
 }
 
-static void BindToInterface(int sock, sockaddr_ll link, const char *device) {
-    link.sll_protocol = 0;
-    if (bind(sock, reinterpret_cast<const sockaddr *>(&link), sizeof link) == -1) {
-        TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %s\n", link.sll_ifindex, device ? device : "",
-                       strerror(errno));
+namespace {
+
+// The datagrams of one broadcast on their way through a packet socket that may outlive it.
+class Broadcast {
+  public:
+    Broadcast(UniqueFd *sock, const char *device, uint16_t port, const Payload &payload)
+        : sock_(sock),
+          device_(device),
+          port_(port),
+          payload_(payload),
+          link_(Station(InterfaceIndex(sock->get(), device), kEveryStation)) {
+        Bind();
     }
+
+    // Returns false with errno set when the datagram could not be handed over at once.
+    bool Send(in_addr source, in_addr destination) {
+        const Datagram datagram(source, destination, port_, payload_);
+        return datagram.Send(sock_->get(), link_, kFlags) ||
+               (errno == EAGAIN && Renew() && datagram.Send(sock_->get(), link_, kFlags));
+    }
+
+  private:
+    static constexpr int kFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
+
+    // What an interface that is stuck has not sent yet fills a socket, for all other interfaces
+    // too. A full one is closed behind the datagrams: that takes the kernel milliseconds.
+    bool Renew() {
+        full_ = std::move(*sock_);
+        if (!OpenPacketSocket(sock_)) {
+            return false;
+        }
+        Bind();
+        return true;
+    }
+
+    void Bind() const {
+        sockaddr_ll link = link_;
+        link.sll_protocol = 0;
+        if (bind(sock_->get(), reinterpret_cast<const sockaddr *>(&link), sizeof link) == -1) {
+            TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %s\n", link.sll_ifindex,
+                           device_ ? device_ : "", strerror(errno));
+        }
+    }
+
+    UniqueFd *sock_;
+    const char *device_;
+    uint16_t port_;
+    Payload payload_;
+    sockaddr_ll link_;
+    UniqueFd full_;
+};
+
+}  // namespace
+
+// The ends of a datagram inside the subnet of an interface. An address that was set without a
+// broadcast address, as BusyBox's ifup does, leaves the kernel without one to tell: it is then the
+// one that address and netmask make.
+static bool SubnetEnds(unit::FactSource &facts, const char *device, in_addr *source,
+                       in_addr *destination) {
+    if (facts.Get(NETINFO_BROADCAST_RAW, device, destination) == -1 ||
+        facts.Get(NETINFO_IP_RAW, device, source) == -1) {
+        return false;
+    }
+    in_addr netmask;
+    if (destination->s_addr == INADDR_ANY &&
+        facts.Get(NETINFO_NETMASK_RAW, device, &netmask) == 0) {
+        destination->s_addr = source->s_addr | ~netmask.s_addr;
+    }
+    return true;
 }
 
-int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const void *data,
-                     int size) {
-    if (size < 0 || size > kBroadcastPayloadSize) {
-        TQ_LOG_UNNAMED("data_sz[%d] exceed limit[%d]!\n", size, kBroadcastPayloadSize);
-        return -1;
-    }
+int discovery::BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const char *device,
+                                uint16_t port, std::string_view payload) {
     if (!OpenPacketSocket(sock)) {
         return -1;
     }
-    const Payload payload{data, static_cast<size_t>(size)};
-    const sockaddr_ll link = Station(InterfaceIndex(sock->get(), device), kEveryStation);
-    BindToInterface(sock->get(), link, device);
-    const Datagram datagram({INADDR_ANY}, {INADDR_BROADCAST}, port, payload);
-    if (!datagram.Send(sock->get(), link, MSG_NOSIGNAL)) {
+    Broadcast broadcast(sock, device, port, {payload.data(), payload.size()});
+    if (!broadcast.Send({INADDR_ANY}, {INADDR_BROADCAST})) {
         if (device) {
             TQ_LOG_UNNAMED("sendto(%s:%d) error : %s\n", device, port, strerror(errno));
         }
         return -1;
     }
-    if (device) {
-        SendToSubnet(sock->get(), link, device, port, payload);
+    // The second copy, for units in the same subnet whose stacks drop what comes from 0.0.0.0.
+    in_addr source;
+    in_addr destination;
+    if (device && SubnetEnds(facts, device, &source, &destination) &&
+        !broadcast.Send(source, destination)) {
+        TQ_LOG_UNNAMED("sendto(%s) error : %s\n", device, strerror(errno));
     }
     return 0;
 }
@@ -221,6 +253,12 @@ int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, co
 }
 
 int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size) {
+    if (size < 0 || size > kBroadcastPayloadSize) {
+        TQ_LOG_UNNAMED("data_sz[%d] exceed limit[%d]!\n", size, kBroadcastPayloadSize);
+        return -1;
+    }
     UniqueFd sock;
-    return BroadcastThrough(&sock, device, port, data, size);
+    unit::FactSource facts;
+    return discovery::BroadcastThrough(
+        &sock, facts, device, port, {static_cast<const char *>(data), static_cast<size_t>(size)});
 }

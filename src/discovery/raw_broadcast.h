@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "common/owners.h"
 
@@ -15,9 +16,18 @@ inline constexpr int kBroadcastPayloadSize = 1500;
 // when the first datagram was sent, else -1. Needs the right to open packet sockets.
 int COM_SendUDPBroadcast(const char *device, uint16_t port, const void *data, int size);
 
-// The same through a packet socket that is opened when *sock is empty. The kernel takes
-// milliseconds to close one, so what is sent together shares it.
-int BroadcastThrough(UniqueFd *sock, const char *device, uint16_t port, const void *data, int size);
+namespace unit {
+class FactSource;
+}
+
+namespace discovery {
+
+// The same with at most kBroadcastPayloadSize bytes, and through a packet socket that is opened
+// when *sock is empty and left open, as the kernel takes milliseconds to close one.
+int BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const char *device, uint16_t port,
+                     std::string_view payload);
+
+}  // namespace discovery
 
 // Sends `size` bytes from and to a UDP port, from 0.0.0.0 to 255.255.255.255, through a packet
 // socket to one station of a link alone: `interface` is its index, `mac` 6 bytes. Prints nothing.

@@ -32,6 +32,10 @@ static constexpr size_t kMessageSize = 16384;
 // What an interface that is not there, or that has no hardware address, says of itself.
 static constexpr char kNoMac[] = "00:00:00:00:00:00";
 
+// How long after the last request the packet socket of the answers is kept: none waits for the
+// kernel to close it, which takes milliseconds, and a server at rest holds nothing.
+static constexpr int kKeepMilliseconds = 1000;
+
 using discovery::ListReply;
 using discovery::WaitingConnections;
 
@@ -46,6 +50,8 @@ class NativeServer {
     void ServeNext();
 
   private:
+    // Milliseconds until a connection's time or the packet socket's is over; -1 without either.
+    int Patience() const;
     UniqueFd Accept();
     void ServeConnection(UniqueFd connection);
     void AnswerListRequest(int connection);
@@ -61,6 +67,8 @@ class NativeServer {
     UniqueFd listener_;
     UniqueFd udp_;
     WaitingConnections waiting_;
+    // What answers go out through, for as long as queries keep coming.
+    UniqueFd packetSocket_;
     // This unit on the interface that a setup package names. It is zeroed only here: every filling
     // after the first appends the identity files' texts once more, so only the first setup package
     // that gets so far can match (of a unit with such files). A second one needs a restart, and
@@ -102,6 +110,12 @@ void NativeServer::OpenUdpSocket() {
     TQ_LOG_FOR(kOrigin, "Create UDP Socket (fd = %d)\n", udp_.get());
 }
 
+int NativeServer::Patience() const {
+    const int keep = packetSocket_ ? kKeepMilliseconds : -1;
+    const int left = waiting_.TimeLeft();
+    return keep < 0 || (left >= 0 && left < keep) ? left : keep;
+}
+
 // A socket that is missing never becomes readable: poll passes over a negative descriptor.
 void NativeServer::ServeNext() {
     std::array<pollfd, 2 + WaitingConnections::kMost> sockets;
@@ -109,7 +123,11 @@ void NativeServer::ServeNext() {
     sockets[0] = {listener_.get(), POLLIN, 0};
     sockets[1] = {udp_.get(), POLLIN, 0};
     waiting_.Watch(waiting);
-    if (poll(sockets.data(), sockets.size(), waiting_.TimeLeft()) == -1) {
+    const int ready = poll(sockets.data(), sockets.size(), Patience());
+    if (ready == 0) {
+        packetSocket_.reset();
+    }
+    if (ready == -1) {
         return;
     }
     waiting_.DropOverdue(waiting);
@@ -235,7 +253,8 @@ void NativeServer::ServeDatagram() {
     UnitInfo package{};
     switch (Parse(length, &package)) {
         case TQ_PACKAGE_QUERY:
-            TQ_SendPackage(device_, TQ_PACKAGE_UNIT_INFO, TQ_CLIENT_PORT);
+            discovery::SendPackageThrough(&packetSocket_, udp_.get(), device_, TQ_PACKAGE_UNIT_INFO,
+                                          TQ_CLIENT_PORT);
             break;
         case TQ_PACKAGE_LIST_REQUEST:
             AnswerListRequest(asker);

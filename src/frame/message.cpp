@@ -9,7 +9,14 @@
 #include "common/owners.h"
 #include "common/utf8.h"
 
+static unsigned messages;
+
+unsigned COM_CountMessages() {
+    return messages;
+}
+
 int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
+    ++messages;
     size_t size = 256;
     HeapBlock<char> text(static_cast<char *>(malloc(size)));
     if (!text) {

@@ -8,6 +8,10 @@
 int COM_Message(const char *file, int line, const char *function, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
+// How many messages there have been. Whoever looks before and after a call knows whether it had
+// something to say.
+unsigned COM_CountMessages();
+
 // In whose name a helper reports: the source tag and the public function it works for.
 struct MessageOrigin {
     const char *source;

@@ -124,7 +124,10 @@ TEST(Dns, NameServersOfTheFile) {
 
 TEST(Dns, AsksARealServer) {
     ServeNames();
-    const std::tuple<std::string, const char *, const char *, const char *> cases[] = {
+    const struct {
+        std::string servers;
+        const char *name, *addresses, *message;
+    } cases[] = {
         {"127.0.0.1", "user@one.test", "10.0.0.1 - ", ""},
         {"127.0.0.1", "nvr.test", "127.0.0.1 127.0.0.77 ", ""},
         {"127.0.0.1", "alias.test", "10.0.0.1 - ", ""},
@@ -137,15 +140,15 @@ TEST(Dns, AsksARealServer) {
         {"", "one.test", "", "DNS_GetA(): no nameserver found\n"},
         {"", "localhost", "", "DNS_GetA(): invalid pDomainName [localhost]\n"},
         {"", nullptr, "", "DNS_GetA(): pDomainName is NULL!\n"}};
-    for (const auto &[servers, name, addresses, message] : cases) {
-        WriteFile("/etc/resolv.conf", "nameserver " + servers + "\n");
+    for (const auto &row : cases) {
+        WriteFile("/etc/resolv.conf", "nameserver " + row.servers + "\n");
         DnsAddrEntry entries[kDnsMaxAddresses] = {};
-        const Outcome got = OBSERVE(DNS_GetA(name, entries, 1));
-        EXPECT_SAYS(got.messages, message);
+        const Outcome got = OBSERVE(DNS_GetA(row.name, entries, 1));
+        EXPECT_SAYS(got.messages, row.message);
         if (entries[1].valid && ntohl(entries[1].addr) < ntohl(entries[0].addr)) {
             std::swap(entries[0], entries[1]);  // a server hands several out in turn
         }
-        EXPECT_EQ(got.result == 0 ? Listed(entries, 2) : "", addresses);
+        EXPECT_EQ(got.result == 0 ? Listed(entries, 2) : "", row.addresses);
     }
     unlink("/etc/resolv.conf");
     const Outcome got = OBSERVE(DNS_GetA("one.test", std::array<DnsAddrEntry, 10>().data(), 1));

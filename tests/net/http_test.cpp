@@ -36,7 +36,12 @@ TEST(Http, RequestTexts) {
                       type = "\r\nContent-Type: application/x-www-form-urlencoded\r\n" + tail;
     enum { kBody, kWarns, kHeader, kWarnsHeader };
     using Call = std::function<int(const char *url, char **result)>;
-    const std::tuple<int, std::string, Call, std::string> cases[] = {
+    const struct {
+        int shows;
+        std::string path;
+        Call call;
+        std::string wanted;
+    } cases[] = {
         {kBody, "/", CALL(COM_GetHttpContent(u, r, nullptr)), get0},
         {kWarns, "", CALL(COM_GetHttpsContent(u, r, nullptr)), get0},
         {kHeader, "/", CALL(COM_GetHttpContentWithHeader(u, r, nullptr)), get0},
@@ -56,15 +61,15 @@ TEST(Http, RequestTexts) {
          form + "1" + type + "Cookie: c=d\r\nX: y\r\n\r\na"},
         {kBody, "/p", CALL(COM_SubGetPostHttpContent(u, r, nullptr, 5, "d", 0, "c=d", 0)), ""}};
     const std::string header = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n";
-    for (const auto &[shows, path, call, wanted] : cases) {
+    for (const auto &row : cases) {
         ScriptedServer server([&](int peer) {
             SendBytes(peer, header + "ok");
             HoldOpen(peer);
         });
-        const Outcome got = OBSERVE(call(server.Url(path).c_str(), r));
-        EXPECT_EQ(got.bytes, (shows >= kHeader ? header : "") + "ok");
+        const Outcome got = OBSERVE(row.call(server.Url(row.path).c_str(), r));
+        EXPECT_EQ(got.bytes, (row.shows >= kHeader ? header : "") + "ok");
         const char *warning = "Warning! trying to send https command w/o ENABLE_SSL_SUPPORT\n";
-        EXPECT_EQ(shows % 2, Holds(got.messages, "COM_SubSendHttpCmd(): "s + warning));
+        EXPECT_EQ(row.shows % 2, Holds(got.messages, "COM_SubSendHttpCmd(): "s + warning));
         std::string request = server.Requests()[0];
         const std::string lines =
             "Accept : */*\r\nAccept-Language: *\r\nAccept-Encoding: *\r\n"
@@ -73,7 +78,7 @@ TEST(Http, RequestTexts) {
         if (const size_t at = request.find(lines); at != std::string::npos) {
             request.replace(at, lines.size(), "@");
         }
-        EXPECT_TRUE(request == wanted) << request.substr(0, 1000);
+        EXPECT_TRUE(request == row.wanted) << request.substr(0, 1000);
     }
 }
 
@@ -140,22 +145,26 @@ TEST(Http, Answers) {
 // A server that never ends its answer, and one that never ends its header.
 TEST(Http, Bounds) {
     const net::HttpLimits brief{.totalSeconds = 2}, small{.answerSize = 20000};
-    const std::tuple<const char *, net::HttpLimits, int> cases[] = {
+    const struct {
+        const char *start;
+        net::HttpLimits limits;
+        int most;
+    } cases[] = {
         {"A: b\r\n\r\n", brief, 0}, {"A: b\r\n", brief, 0}, {"A: b\r\n\r\n", small, 20000}};
-    for (const auto &[start, limits, most] : cases) {
+    for (const auto &row : cases) {
         std::atomic<bool> done = false;
-        ScriptedServer server([&, &first = start, pause = most == 0](int peer) {
-            for (SendBytes(peer, first); !done; usleep(pause ? 50000 : 0)) {
+        ScriptedServer server([&](int peer) {
+            for (SendBytes(peer, row.start); !done; usleep(row.most == 0 ? 50000 : 0)) {
                 SendBytes(peer, "x");
             }
         });
         const Outcome got =
-            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, {}, limits));
+            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, {}, row.limits));
         done = true;
         EXPECT_EQ(got.bytes, std::string(got.bytes.size(), 'x'));
-        EXPECT_LT(got.seconds, most ? 20 : 4);
-        EXPECT_LE(got.bytes.size(), most + 4096u);
-        EXPECT_EQ(got.bytes.empty(), strlen(start) == 6);
+        EXPECT_LT(got.seconds, row.most ? 20 : 4);
+        EXPECT_LE(got.bytes.size(), row.most + 4096u);
+        EXPECT_EQ(got.bytes.empty(), strlen(row.start) == 6);
     }
 }
 
@@ -188,16 +197,19 @@ TEST(Http, SurvivesAStop) {
 TEST(Http, Failures) {
     const BoundSocket unheard(SOCK_STREAM);
     const std::string h(80, 'h'), port = std::to_string(ntohs(unheard.address.sin_port));
-    const std::tuple<std::string, std::string, std::string> cases[] = {
+    const struct {
+        std::string url, first, second;
+    } cases[] = {
         {"127.0.0.1:" + port + "/x", "COM_SubSendHttpCmd(): Fail to send [/x]\n",
          "COM_SubSendHttpCmd(): connect(127.0.0.1:" + port + ") error : Connection refused\n"},
         {h + "/x", "COM_SubGetPostHttpContent(): buffer overflow : (len, limit) = (81, 80)\n",
          "COM_SubGetPostHttpContent(): DNS_GetA() return error [" + h + "/x]\n"},
         {"unit:80", "invalid pDomainName [unit]\n", "DNS_GetA(unit) return error [unit:80]\n"}};
-    for (const auto &[url, first, second] : cases) {
-        const Outcome got = OBSERVE(COM_GetHttpContent(url.c_str(), r, nullptr));
+    for (const auto &row : cases) {
+        const Outcome got = OBSERVE(COM_GetHttpContent(row.url.c_str(), r, nullptr));
         EXPECT_EQ(got.result, -1);
-        EXPECT_TRUE(Holds(got.messages, first) && Holds(got.messages, second)) << got.messages;
+        EXPECT_TRUE(Holds(got.messages, row.first) && Holds(got.messages, row.second))
+            << got.messages;
     }
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);

@@ -58,7 +58,7 @@ TEST(Package, IsBuiltFromTheUnitsOwnRecord) {
         char package[discovery::kPackageSize] = "";
         const std::string output = OutputOf(
             [&] { EXPECT_EQ(c.result, TQ_CreatePackage("eth0", c.type, package, c.info)); });
-        EXPECT_NE(std::string::npos, output.find(c.message)) << output;
+        ExpectSaid(c.message, output);
         EXPECT_EQ(c.result == 0 ? Encode(c.text) : "", package);
     }
     EXPECT_EQ(36u, Encode("Moravelle,00,QVR-7140-16T").size());
@@ -165,7 +165,7 @@ TEST(Broadcast, RefusesWhatDoesNotFit) {
         const std::string output = OutputOf([&] {
             EXPECT_EQ(c.result, COM_SendUDPBroadcast(c.device, 6667, data.data(), c.size));
         });
-        EXPECT_NE(std::string::npos, output.find(c.message)) << output;
+        ExpectSaid(c.message, output);
     }
     UniqueFd first;
     UniqueFd second;

@@ -80,6 +80,21 @@ def test_a_terminal_is_not_steered_by_other_units(net):
     assert "(dev, note) = (eth0, ?[31m?2J??2J?K\xc3\xbcche?)\n" in shown
 
 
+def test_a_discovery_takes_one_and_six_tenths_of_a_second(net):
+    alone, capture = net.host("alone", "192.168.1.23/24"), lan.Capture("alone.0")
+    for attempt in range(5):  # a busy machine makes it longer, nothing makes it shorter
+        started = time.monotonic()
+        alone.tq("-I", "eth0")
+        taken = time.monotonic() - started
+        # Each collection asks, waits four times 0.2 seconds in vain and asks again, for the next one to hear.
+        asked = [when for when, data, sent in capture.frames() if sent and data[12:14] == b"\x08\x00"][::2]
+        gaps = [round((later - earlier) / 1e9, 2) for earlier, later in zip(asked, asked[1:])]
+        assert len(gaps) == 3 and taken > 1.6 and gaps[0] >= 0.8 and gaps[2] >= 0.8, (taken, gaps)
+        if taken < 2 and gaps[0] < 0.9 > gaps[2]:
+            return
+    assert False, (taken, gaps)
+
+
 def test_replies_on_the_wire(net):
     units = street(net)
     busybox = net.host("busybox", "192.168.1.26/24")  # whose ifup gives no broadcast address

@@ -32,6 +32,12 @@ std::string OutputOf(Call call) {
     return testing::internal::GetCapturedStdout();
 }
 
+// Expects a message in what was printed; an empty one: that nothing was.
+inline void ExpectSaid(const std::string &message, const std::string &output) {
+    EXPECT_TRUE(message.empty() ? output.empty() : output.find(message) != std::string::npos)
+        << "[" << message << "] in [" << output << "]";
+}
+
 // Runs a shell command of the test's own and expects it to succeed.
 inline void Shell(const std::string &command) {
     ASSERT_EQ(0, system(command.c_str())) << command;

@@ -12,7 +12,7 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests/support"))
 
 import lan  # noqa: E402
-from measure import anonymous_kb, cpu_microseconds, wire_times  # noqa: E402
+from measure import anonymous_kb, cpu_microseconds, drain, rally, wire_times  # noqa: E402
 
 NATIVE = lan.CHOSEN
 SO_RCVBUFFORCE = 33
@@ -31,33 +31,6 @@ def paced(client, request, to, rate, seconds):
         while time.monotonic() < start + i / rate:
             pass
         client.sendto(request, to)
-
-
-def rally(client, request, to, count, answers, window=32, limit=60):
-    """Sends up to `count` requests, at most `window` of them unanswered, for at most `limit` seconds. Returns
-    (sent, answered, seconds)."""
-    client.settimeout(0.5)
-    start, sent, received = time.monotonic(), 0, 0
-    while received < count * answers:
-        while sent < count and sent - received // answers < window and time.monotonic() < start + limit:
-            client.sendto(request, to)
-            sent += 1
-        try:
-            client.recv(4096)
-            received += 1
-        except TimeoutError:
-            break
-    return sent, received // answers, time.monotonic() - start
-
-
-def drain(client):
-    """Reads the answers that are still on their way."""
-    client.settimeout(0.5)
-    try:
-        while client.recv(4096):
-            pass
-    except TimeoutError:
-        pass
 
 
 def listen(host):

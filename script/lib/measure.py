@@ -1,4 +1,5 @@
 """What is measured of a server, from its host's /proc and from the frames on its cable."""
+import time
 
 TQ_PID = "/var/run/TQ.pid"
 
@@ -28,3 +29,30 @@ def wire_times(frames, port):
             times.append((when - asked) / 1000)
             asked = None
     return times
+
+
+def rally(client, request, to, count, answers, window=32, limit=60):
+    """Sends up to `count` requests, at most `window` of them unanswered, for at most `limit` seconds. Returns
+    (sent, answered, seconds)."""
+    client.settimeout(0.5)
+    start, sent, received = time.monotonic(), 0, 0
+    while received < count * answers:
+        while sent < count and sent - received // answers < window and time.monotonic() < start + limit:
+            client.sendto(request, to)
+            sent += 1
+        try:
+            client.recv(4096)
+            received += 1
+        except TimeoutError:
+            break
+    return sent, received // answers, time.monotonic() - start
+
+
+def drain(client):
+    """Reads the answers that are still on their way."""
+    client.settimeout(0.5)
+    try:
+        while client.recv(4096):
+            pass
+    except TimeoutError:
+        pass

@@ -152,11 +152,6 @@ inline std::string Ask(
     }
 }
 
-// Messages without their line numbers.
-inline std::string Shorten(const std::string &log) {
-    return std::regex_replace(log, std::regex("(^|\n)(\\w+),\\d+:"), "$1$2:");
-}
-
 // These lines as a function says them.
 inline std::string Said(const std::string &function, const std::string &lines) {
     return std::regex_replace(lines, std::regex("(.+)\n"), "KIRVEX:" + function + "(): $1\n");

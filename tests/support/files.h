@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -36,6 +37,18 @@ std::string OutputOf(Call call) {
 inline void ExpectSaid(const std::string &message, const std::string &output) {
     EXPECT_TRUE(message.empty() ? output.empty() : output.find(message) != std::string::npos)
         << "[" << message << "] in [" << output << "]";
+}
+
+// Messages without their line numbers.
+inline std::string Shorten(const std::string &log) {
+    return std::regex_replace(log, std::regex("(^|\n)(\\w+),\\d+:"), "$1$2:");
+}
+
+// What a call printed, without the names before the messages of this origin, such as "TQ,main".
+template <class Call>
+std::string SaidBy(std::string origin, Call call) {
+    origin.replace(origin.find(','), 1, ",\\d+:");
+    return std::regex_replace(OutputOf(call), std::regex("(^|\n)" + origin + "\\(\\): "), "$1");
 }
 
 // Runs a shell command of the test's own and expects it to succeed.

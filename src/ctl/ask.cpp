@@ -1,0 +1,109 @@
+#include "ctl/ask.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/owners.h"
+#include "ctl/stop.h"
+
+namespace ctl {
+
+static constexpr char kTerminal[] = "/dev/tty";
+
+Secret::~Secret() {
+    explicit_bzero(text, sizeof text);
+}
+
+// Reads one line without its line end, byte by byte, so that nothing of what follows is taken nor
+// left in a buffer. Returns false when there is none, or when it is too long.
+static bool ReadLine(int descriptor, Secret *line) {
+    size_t used = 0;
+    for (char c; read(descriptor, &c, 1) == 1;) {
+        if (c == '\n') {
+            line->text[used - (used > 0 && line->text[used - 1] == '\r' ? 1 : 0)] = '\0';
+            return true;
+        }
+        if (used + 1 == sizeof line->text || c == '\0') {
+            return false;
+        }
+        line->text[used++] = c;
+    }
+    line->text[used] = '\0';
+    return used > 0;
+}
+
+static Status ReadFromFile(const char *path, Secret *password) {
+    const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        return Fail(kUsage, "can't read %s: %s", path, strerror(errno));
+    }
+    return ReadLine(file.get(), password)
+               ? kDone
+               : Fail(kUsage, "%s does not begin with a line of at most 63 characters", path);
+}
+
+static Status ReadFromInput(Secret *password) {
+    return ReadLine(STDIN_FILENO, password)
+               ? kDone
+               : Fail(kUsage, "standard input ended before a line of at most 63 characters");
+}
+
+static Status ReadFromTerminal(const char *prompt, Secret *password) {
+    const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
+    termios settings;
+    if (!terminal || tcgetattr(terminal.get(), &settings) == -1) {
+        return Fail(kUsage,
+                    "there is no terminal to ask for the password on: use --password-file or "
+                    "--password-stdin");
+    }
+    RestoreWhenStopped(terminal.get(), settings);
+    termios silent = settings;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(terminal.get(), TCSAFLUSH, &silent);
+    dprintf(terminal.get(), "%s: ", prompt);
+    const bool read = ReadLine(terminal.get(), password);
+    dprintf(terminal.get(), "\n");
+    tcsetattr(terminal.get(), TCSAFLUSH, &settings);
+    RestoreWhenStopped(-1, settings);
+    return read ? kDone : Fail(kUsage, "no password, or one of more than 63 characters");
+}
+
+Status ReadPassword(const Options &options, Secret *password) {
+    if (options.passwordFile) {
+        return ReadFromFile(options.passwordFile, password);
+    }
+    return options.passwordStdin ? ReadFromInput(password) : ReadFromTerminal("Password", password);
+}
+
+Status ReadNewPassword(const Options &options, Secret *password) {
+    if (options.newPasswordFile) {
+        return ReadFromFile(options.newPasswordFile, password);
+    }
+    if (options.passwordStdin) {
+        return ReadFromInput(password);
+    }
+    Secret again;
+    Status status = ReadFromTerminal("New password", password);
+    status = status == kDone ? ReadFromTerminal("New password again", &again) : status;
+    if (status == kDone && strcmp(password->text, again.text) != 0) {
+        return Fail(kUsage, "the two new passwords differ");
+    }
+    return status;
+}
+
+bool Confirm(const char *question) {
+    const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
+    Secret answer;
+    if (!terminal || !isatty(STDIN_FILENO)) {
+        return false;
+    }
+    dprintf(terminal.get(), "%s [y/N] ", question);
+    return ReadLine(terminal.get(), &answer) && (answer.text[0] == 'y' || answer.text[0] == 'Y');
+}
+
+}  // namespace ctl

@@ -1,0 +1,170 @@
+#include "ctl/kirvex_exchange.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+
+#include "common/socket.h"
+#include "ctl/udp.h"
+
+namespace ctl {
+
+// A unit answers after several HTTP requests of its own; when it has not by then, the request or
+// the reply is taken for lost.
+static constexpr Milliseconds kRepeatAfter = 5000;
+
+static constexpr Milliseconds kSecondTry = 500;
+
+// No unit's name begins like this, so that one which compares names at all refuses the settings.
+static constexpr char kNobodysName[] = "tqctl asks for the password only";
+
+static in_addr NetworkOrder(Address address) {
+    return {htonl(address)};
+}
+
+kx::Settings SettingsOf(const Unit &unit) {
+    return {unit.info.name,
+            NetworkOrder(unit.ip),
+            static_cast<uint16_t>(atoi(unit.info.trigger_port)),
+            NetworkOrder(unit.netmask),
+            NetworkOrder(unit.gateway),
+            NetworkOrder(unit.dns),
+            NetworkOrder(unit.secondDns),
+            unit.dhcp};
+}
+
+static kx::Target TargetOf(const Unit &unit) {
+    kx::Target target{{}, NetworkOrder(unit.ip)};
+    memcpy(target.mac, unit.mac, sizeof target.mac);
+    return target;
+}
+
+namespace {
+
+// One request on its way, and the socket that its reply comes to.
+struct Exchange {
+    const Way &way;
+    const Unit &unit;
+    std::span<const uint8_t> request;
+    UniqueFd sock;
+};
+
+}  // namespace
+
+static bool IsReplyTo(const Exchange &exchange, const Datagram &reply) {
+    const std::span<const uint8_t> packet(reply.data, reply.size);
+    return reply.interface == exchange.way.link.index && reply.size >= kx::kStatusReplySize &&
+           kx::ReadInteger(packet, kx::kIdentifier) == kx::kReplyIdentifier &&
+           kx::ReadInteger(packet, kx::kOperation) ==
+               kx::ReadInteger(exchange.request, kx::kOperation) &&
+           kx::ReadInteger(packet, kx::kSequenceNumber) ==
+               kx::ReadInteger(exchange.request, kx::kSequenceNumber) &&
+           memcmp(packet.data() + kx::kMac.offset, exchange.unit.mac, kx::kMac.size) == 0;
+}
+
+static bool Send(const Exchange &exchange, std::span<const uint8_t> packet) {
+    const Destination to{exchange.way.link.index, exchange.way.source, exchange.unit.ip, kx::kPort};
+    const bool sent = SendUdp(exchange.sock.get(), to, packet.data(), packet.size());
+    if (exchange.way.verbose || !sent) {
+        fprintf(stderr, "tqctl: operation 0x%02X to %s: %s\n",
+                kx::ReadInteger(packet, kx::kOperation), ToText(exchange.unit.ip).text,
+                sent ? "sent" : strerror(errno));
+    }
+    return sent;
+}
+
+static bool WaitForReply(const Exchange &exchange, Milliseconds wait, Verdict *verdict) {
+    const Milliseconds end = Now() + wait;
+    for (Milliseconds left = wait; left > 0; left = end - Now()) {
+        pollfd wanted{exchange.sock.get(), POLLIN, 0};
+        Datagram reply;
+        if (poll(&wanted, 1, static_cast<int>(left)) == 1 &&
+            ReceiveUdp(exchange.sock.get(), &reply) && IsReplyTo(exchange, reply)) {
+            const std::span<const uint8_t> packet(reply.data, reply.size);
+            *verdict = {true, kx::ReadInteger(packet, kx::kMode),
+                        kx::ReadInteger(packet, kx::kErrorNumber),
+                        kx::ReadInteger(packet, kx::kOperationStatus),
+                        kx::ReadInteger(packet, kx::kWaitTimer)};
+            return true;
+        }
+    }
+    return false;
+}
+
+// A unit keeps what it has received, and completes the next short datagram with it: a stranger's
+// bare header would act with these credentials. A search as long as any request covers them.
+static void CoverCredentials(const Exchange &exchange) {
+    uint8_t search[kx::kChangeRequestSize];
+    kx::WriteSearch(search);
+    Send(exchange, search);
+}
+
+static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request, int tries,
+                   Milliseconds wait) {
+    const Exchange exchange{way, unit, request, OpenUdp(0)};
+    Verdict verdict{};
+    kx::WriteInteger(request, kx::kSequenceNumber, static_cast<uint32_t>(Now()) & 0xFFFF);
+    const Milliseconds end = Now() + wait;
+    while (exchange.sock && tries-- > 0 && Now() < end && Send(exchange, request)) {
+        const Milliseconds left = end - Now();
+        const bool answered = WaitForReply(
+            exchange, tries > 0 && left > kRepeatAfter ? kRepeatAfter : left, &verdict);
+        if (answered) {
+            break;
+        }
+    }
+    // Twice, because a lost one would leave the credentials where they are.
+    CoverCredentials(exchange);
+    CoverCredentials(exchange);
+    explicit_bzero(request.data(), request.size());
+    return verdict;
+}
+
+// Whether a second try may have another outcome: a first login that finds another administrator
+// online ends that session and fails.
+static bool DeservesSecondTry(const Verdict &verdict) {
+    if (!verdict.answered || verdict.code == kx::kSuccess || verdict.error != 0) {
+        return false;
+    }
+    poll(nullptr, 0, static_cast<int>(kSecondTry));
+    return true;
+}
+
+Verdict RequestSettings(const Way &way, const Unit &unit, const kx::Account &account,
+                        const kx::Settings &settings, Milliseconds wait) {
+    static constexpr int kTries = 3;
+    uint8_t request[kx::kSetRequestSize];
+    Verdict verdict;
+    int logins = 0;
+    do {
+        kx::WriteSetRequest(request, TargetOf(unit), account, settings);
+        verdict = Ask(way, unit, request, kTries, wait);
+    } while (++logins < 2 && DeservesSecondTry(verdict));
+    return verdict;
+}
+
+Verdict RequestLogin(const Way &way, const Unit &unit, const kx::Account &account,
+                     Milliseconds wait) {
+    // Should a unit not compare the name, it sets what it has.
+    kx::Settings settings = SettingsOf(unit);
+    settings.cameraName = kNobodysName;
+    return RequestSettings(way, unit, account, settings, wait);
+}
+
+Verdict RequestPassword(const Way &way, const Unit &unit, const kx::Account &account,
+                        const char *password, Milliseconds wait) {
+    uint8_t request[kx::kChangeRequestSize];
+    Verdict verdict;
+    int logins = 0;
+    do {
+        kx::WriteChangeRequest(request, TargetOf(unit), account, {account.name, password});
+        verdict = Ask(way, unit, request, 1, wait);
+    } while (++logins < 2 && DeservesSecondTry(verdict));
+    return verdict;
+}
+
+}  // namespace ctl

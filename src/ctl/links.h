@@ -1,0 +1,57 @@
+// This machine's interfaces, as far as units can be reached through them.
+#pragma once
+
+#include <linux/if_ether.h>
+#include <net/if.h>
+
+#include <cstdint>
+
+#include "ctl/options.h"
+#include "ctl/status.h"
+
+namespace ctl {
+
+// Addresses are in the machine's own byte order throughout this room; 0 is none.
+using Address = uint32_t;
+
+inline constexpr int kMostAddresses = 8;
+
+struct AddressText {
+    char text[16];
+};
+AddressText ToText(Address address);
+
+// Reads exactly four decimal numbers with dots. Returns false for anything else.
+bool ReadAddress(const char *text, Address *address);
+
+// The netmask of a prefix length from 0 to 32, and back: -1 for a mask with holes.
+Address MaskOf(int prefix);
+int PrefixOf(Address mask);
+
+struct Link {
+    int index;  // the kernel's number
+    char name[IFNAMSIZ];
+    uint8_t mac[ETH_ALEN];
+    int addressCount;
+    struct {
+        Address address;
+        Address mask;
+    } addresses[kMostAddresses];
+
+    // Whether an address lies in one of the link's subnets, and whether it is the link's own.
+    bool Fits(Address address) const;
+    bool Owns(Address address) const;
+};
+
+struct Links {
+    Link link[kMostLinks];
+    int count = 0;
+
+    // The number in `link` of the interface with a kernel's number; -1 for one that is not used.
+    int Find(int index) const;
+};
+
+// Finds the interfaces that were asked for, or all that are up and can broadcast.
+Status FindLinks(const Options &options, Links *links);
+
+}  // namespace ctl

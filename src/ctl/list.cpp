@@ -1,0 +1,224 @@
+#include "ctl/list.h"
+
+#include <poll.h>
+#include <strings.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/socket.h"
+#include "ctl/print.h"
+#include "discovery/announce.h"
+
+namespace ctl {
+
+// The list of a LAN of some thousand units; a peer that sends more is none.
+static constexpr size_t kLongestList = 4 << 20;
+static constexpr Milliseconds kViaPatience = 60000;
+
+// Who has not been heard for so many seconds in a row, asked twice in each, is gone.
+static constexpr int kMissesUntilGone = 4;
+
+static size_t TerminalColumns(FILE *out) {
+    winsize size{};
+    return isatty(fileno(out)) && ioctl(fileno(out), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+static bool IsWanted(const Unit &unit, const Options &options) {
+    return !options.project || strcasecmp(unit.info.proj, options.project) == 0;
+}
+
+static void PrintUnits(Session &session) {
+    const Options &options = session.options;
+    UnitList &units = session.survey.units();
+    if (options.json) {
+        PrintJson(session.out, session.survey, units.count() > 0 ? &units[0] : nullptr,
+                  units.count(), nullptr);
+        return;
+    }
+    if (!options.plain && !options.format) {
+        if (units.count() > 0) {
+            PrintTable(session.out, session.survey, TerminalColumns(session.out));
+        }
+        fflush(session.out);
+        ExplainMarks(session.survey);
+        return;
+    }
+    for (int i = 0; i < units.count(); ++i) {
+        if (options.format) {
+            PrintFormat(session.out, options.format, units[i], session.links);
+        } else {
+            PrintPlain(session.out, units[i], session.links);
+        }
+    }
+}
+
+static void PrintEvent(Session &session, const char *sign, const char *event, const Unit &unit) {
+    if (session.options.json) {
+        PrintJson(session.out, session.survey, &unit, 1, event);
+    } else {
+        fprintf(session.out, "%s\t", sign);
+        if (session.options.format) {
+            PrintFormat(session.out, session.options.format, unit, session.links);
+        } else {
+            PrintPlain(session.out, unit, session.links);
+        }
+    }
+}
+
+// Compares what was known with what is heard now; `misses` counts for each known unit how often in
+// a row it was not.
+static void PrintChanges(Session &session, UnitList &known) {
+    UnitList &heard = session.survey.units();
+    for (int i = 0; i < heard.count(); ++i) {
+        if (!IsWanted(heard[i], session.options)) {
+            continue;
+        }
+        const Unit *before = known.Find(heard[i]);
+        if (!before) {
+            PrintEvent(session, "+", "appeared", heard[i]);
+        } else if (memcmp(&before->info, &heard[i].info, sizeof before->info) != 0) {
+            PrintEvent(session, "~", "changed", heard[i]);
+        }
+        known.Take(heard[i]);
+        // From here on the count is of rounds without an answer.
+        if (Unit *taken = known.Find(heard[i])) {
+            taken->heard = 0;
+        }
+    }
+    for (int i = known.count() - 1; i >= 0; --i) {
+        if (++known[i].heard > kMissesUntilGone) {
+            PrintEvent(session, "-", "gone", known[i]);
+            known.Drop(i);
+        }
+    }
+}
+
+// Until a signal, or nobody reads any more.
+static Status Watch(Session &session) {
+    UnitList known;
+    for (;;) {
+        PrintChanges(session, known);
+        if (fflush(session.out) != 0) {
+            return kDone;
+        }
+        session.survey.units().Clear();
+        session.survey.Query();
+        session.survey.Listen(500);
+        session.survey.Query();
+        session.survey.Listen(500);
+    }
+}
+
+static int ConnectTo(const char *address) {
+    Address ip;
+    if (!ReadAddress(address, &ip)) {
+        errno = EINVAL;
+        return -1;
+    }
+    UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in peer = InternetAddress(htonl(ip), TQ_SERVER_PORT);
+    const timeval limit{10, 0};
+    setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return connect(sock.get(), AsSockaddr(peer), sizeof peer) == 0 ? sock.release() : -1;
+}
+
+// Reads to the end of the connection. Returns the bytes.
+static size_t ReadAll(int sock, char *data, size_t size) {
+    const Milliseconds end = Now() + kViaPatience;
+    size_t used = 0;
+    while (used < size) {
+        pollfd wanted{sock, POLLIN, 0};
+        const Milliseconds left = end - Now();
+        if (left <= 0 || poll(&wanted, 1, static_cast<int>(left)) != 1) {
+            break;
+        }
+        const ssize_t length = recv(sock, data + used, size - used, 0);
+        if (length <= 0) {
+            break;
+        }
+        used += static_cast<size_t>(length);
+    }
+    return used;
+}
+
+static void TakeTold(const Unit &unit, void *context) {
+    Unit told = unit;
+    told.link = -1;
+    static_cast<UnitList *>(context)->Take(told);
+}
+
+static Status AskVia(Session &session) {
+    const char *via = session.options.via;
+    FindLinks(session.options, &session.links);  // which addresses would fit here
+    const UniqueFd sock(ConnectTo(via));
+    if (!sock) {
+        return Fail(kNoUnit,
+                    "can't reach %s, TCP port %d: %s. Is it the address of a native unit, and does "
+                    "every firewall between let that port through?",
+                    via, TQ_SERVER_PORT, strerror(errno));
+    }
+    // A server wants all fields, and reads none of them.
+    static constexpr UnitInfo kAnybody{
+        "-", "-", "-", "0.0.0.0", "0", "0.0.0.0", "-", "-", "00:00:00:00:00:00", "-", "-", 0};
+    char request[discovery::kPackageSize];
+    const size_t size = discovery::EncodeUnit(TQ_PACKAGE_LIST_REQUEST, kAnybody, request);
+    const HeapBlock<char> list = ZeroedBlock(kLongestList);
+    if (!list || send(sock.get(), request, size, MSG_NOSIGNAL) == -1) {
+        return Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
+    }
+    const size_t length = ReadAll(sock.get(), list.get(), kLongestList);
+    ReadPackage(list.get(), length, TakeTold, &session.survey.units());
+    session.survey.units().Sort();
+    return kDone;
+}
+
+Status List(Session &session) {
+    const Options &options = session.options;
+    if (options.format && !IsFormat(options.format)) {
+        return kUsage;
+    }
+    const Status status = options.via ? AskVia(session) : session.Start();
+    if (status != kDone) {
+        return status;
+    }
+    if (options.watch) {
+        return Watch(session);
+    }
+    UnitList &units = session.survey.units();
+    for (int i = units.count() - 1; i >= 0; --i) {
+        if (!IsWanted(units[i], options)) {
+            units.Drop(i);
+        }
+    }
+    PrintUnits(session);
+    if (units.count() > 0) {
+        return kDone;
+    }
+    if (options.via) {
+        return Fail(kNoUnit, "%s gave no list: a unit that finds no other on its LAN gives none",
+                    options.via);
+    }
+    return Fail(kNoUnit,
+                "no unit answered. Is it on, and on this LAN? Does a firewall here let UDP ports "
+                "6666, 6667 and 62976 through?");
+}
+
+Status Show(Session &session) {
+    Status status = session.Start();
+    status = status == kDone ? session.SelectUnit() : status;
+    if (status != kDone) {
+        return status;
+    }
+    if (session.options.json) {
+        PrintJson(session.out, session.survey, &session.unit, 1, nullptr);
+    } else {
+        PrintUnit(session.out, session.unit, session.links);
+    }
+    return kDone;
+}
+
+}  // namespace ctl

@@ -1,0 +1,43 @@
+// The command line of tqctl.
+#pragma once
+
+#include "ctl/clock.h"
+#include "ctl/status.h"
+
+namespace ctl {
+
+enum class Command { kList, kShow, kSet, kCheckPassword, kPassword, kNone };
+
+inline constexpr int kMostLinks = 32;
+
+struct Options {
+    Command command = Command::kNone;
+    const char *unit = nullptr;
+    const char *interfaces[kMostLinks];
+    int interfaceCount = 0;
+    Milliseconds time = 0;  // 0: as long as it takes
+    Milliseconds wait = 20000;
+    bool verbose = false;
+    bool json = false;
+    bool plain = false;
+    bool watch = false;
+    bool dhcp = false;
+    bool dryRun = false;
+    bool yes = false;
+    bool passwordStdin = false;
+    const char *format = nullptr;
+    const char *project = nullptr;
+    const char *via = nullptr;
+    const char *address = nullptr;
+    const char *gateway = nullptr;
+    const char *dns = nullptr;
+    const char *account = "admin";
+    const char *passwordFile = nullptr;
+    const char *newPasswordFile = nullptr;
+};
+
+// Reads the command line. Returns true when there is a command to carry out; false with the exit
+// status when everything has been said, as for --help and for what can't be understood.
+bool ReadOptions(int argc, char **argv, Options *options, Status *status);
+
+}  // namespace ctl

@@ -1,0 +1,34 @@
+// What tqctl prints of units, for people and for scripts.
+#pragma once
+
+#include <cstdio>
+
+#include "ctl/survey.h"
+
+namespace ctl {
+
+// A table with a heading. On a terminal of `columns` columns (0: no terminal) long texts are cut.
+void PrintTable(FILE *out, Survey &survey, size_t columns);
+
+// One line for a unit, its columns separated by tabs: name, model, project, ip, prefix, gateway,
+// mac, port, note, protocol, interface, marks.
+void PrintPlain(FILE *out, const Unit &unit, const Links &links);
+
+// One line for a unit, made from a text in which ${key} stands for a value and \t, \n and \\ for
+// what they usually do. IsFormat checks the text, with a message.
+bool IsFormat(const char *format);
+void PrintFormat(FILE *out, const char *format, const Unit &unit, const Links &links);
+
+// One JSON object with all units. `event` may be null.
+void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, const char *event);
+
+// All that a unit says, one line for each value.
+void PrintUnit(FILE *out, const Unit &unit, const Links &links);
+
+// The settings of a unit in a few words.
+void PrintSettings(FILE *out, const Unit &unit);
+
+// Says on standard error what the marks of a list mean, and who did not answer.
+void ExplainMarks(Survey &survey);
+
+}  // namespace ctl

@@ -1,0 +1,155 @@
+#include "ctl/session.h"
+
+#include <cstring>
+
+#include "ctl/arp.h"
+#include "ctl/ask.h"
+#include "ctl/print.h"
+#include "ctl/text.h"
+
+namespace ctl {
+
+Status Session::Start() {
+    Status status = FindLinks(options, &links);
+    status = status == kDone ? survey.Open() : status;
+    return status == kDone ? survey.Discover(options.time) : status;
+}
+
+static bool IsCalled(const Unit &unit, const char *name) {
+    uint8_t mac[ETH_ALEN];
+    Address address;
+    return strcmp(unit.info.name, name) == 0 ||
+           (ReadMac(name, mac) && memcmp(unit.mac, mac, sizeof mac) == 0) ||
+           (ReadAddress(name, &address) && address != 0 && unit.ip == address);
+}
+
+// Stores the one unit that is called so.
+Status Session::Choose() {
+    const Unit *found = nullptr;
+    int count = 0;
+    for (int i = 0; i < survey.units().count(); ++i) {
+        if (IsCalled(survey.units()[i], options.unit)) {
+            found = &survey.units()[i];
+            ++count;
+        }
+    }
+    if (count == 1) {
+        unit = *found;
+        return kDone;
+    }
+    if (count == 0) {
+        return kNoUnit;
+    }
+    Fail(kSeveral, "'%s' is %d units; say which by its MAC address:", options.unit, count);
+    for (int i = 0; i < survey.units().count(); ++i) {
+        const Unit &candidate = survey.units()[i];
+        if (IsCalled(candidate, options.unit)) {
+            char name[kCellSize];
+            MakeHarmless(candidate.info.name, name);
+            fprintf(stderr, "  %s  %s  %s\n", candidate.info.mac, ToText(candidate.ip).text, name);
+        }
+    }
+    return kSeveral;
+}
+
+// The longest prefix, of 24 at most, whose subnet holds both addresses. A unit that can't answer
+// does not tell its own.
+static int CommonPrefix(Address left, Address right) {
+    int prefix = 24;
+    while (prefix > 8 && ((left ^ right) & MaskOf(prefix)) != 0) {
+        --prefix;
+    }
+    return prefix;
+}
+
+// A free address next to another one, so that it lies in the same subnet, however small; 0 when
+// there is none.
+static Address FindNeighbour(const Link &link, Address address, Address gateway) {
+    for (const int step : {1, -1, 2, -2, 3, -3}) {
+        const Address candidate = address + static_cast<Address>(step);
+        const Address last = candidate & 0xFF;
+        uint8_t mac[ETH_ALEN];
+        if (candidate != gateway && last != 0 && last != 0xFF &&
+            FindHolder(link, candidate, mac) == Holder::kNobody) {
+            return candidate;
+        }
+    }
+    return 0;
+}
+
+// Becomes a neighbour of a host that can't answer, and searches again.
+Status Session::Approach(const Silent &silent) {
+    const Link &at = links.link[silent.link];
+    const Address address = silent.address;
+    const Address gateway = silent.gateway;
+    const Address neighbour = FindNeighbour(at, address, gateway);
+    if (neighbour == 0) {
+        return Fail(kNoRight, "found no free address next to %s on %s", ToText(address).text,
+                    at.name);
+    }
+    const int prefix = CommonPrefix(address, gateway != 0 ? gateway : address);
+    char question[160];
+    snprintf(question, sizeof question,
+             "%s can answer only its own subnet. Give %s the address %s/%d for the length of this "
+             "command?",
+             ToText(address).text, at.name, ToText(neighbour).text, prefix);
+    if (!options.yes && !Confirm(question)) {
+        return Fail(
+            kUsage,
+            "%s can answer only its own subnet, and %s has no address there. --yes gives it "
+            "%s/%d for the length of the command",
+            ToText(address).text, at.name, ToText(neighbour).text, prefix);
+    }
+    const Status status = temporary.Add(at, neighbour, prefix);
+    if (status != kDone) {
+        return status;
+    }
+    fprintf(stderr, "%s has the address %s/%d for the length of this command\n", at.name,
+            ToText(neighbour).text, prefix);
+    survey.SearchFrom(silent.link, neighbour);
+    return survey.Discover(options.time);
+}
+
+// Where the host is that the command names and that has not answered: it asks for its gateway in
+// vain, or, without one, answers address resolution alone.
+bool Session::FindSilent(Silent *found) const {
+    uint8_t mac[ETH_ALEN];
+    Address address = 0;
+    const bool isMac = ReadMac(options.unit, mac);
+    ReadAddress(options.unit, &address);
+    for (int i = 0; i < survey.silentCount(); ++i) {
+        *found = survey.silent()[i];
+        if (found->address == address || (isMac && memcmp(mac, found->mac, sizeof mac) == 0)) {
+            return true;
+        }
+    }
+    for (int i = 0; i < links.count && address != 0; ++i) {
+        *found = {address, 0, {}, i};
+        if (!links.link[i].Fits(address) &&
+            FindHolder(links.link[i], address, found->mac) == Holder::kSomebody) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Status Session::SelectUnit() {
+    Status status = Choose();
+    Silent silent;
+    if (status == kNoUnit && FindSilent(&silent)) {
+        status = Approach(silent);
+        status = status == kDone ? Choose() : status;
+    }
+    if (status == kNoUnit) {
+        char name[kCellSize];
+        MakeHarmless(options.unit, name);
+        Fail(kNoUnit,
+             "no unit '%s' among %d heard. Is it on, and on this LAN? Does a firewall here let UDP "
+             "ports 6666, 6667 and 62976 through?",
+             name, survey.units().count());
+        ExplainMarks(survey);
+    }
+    return status;
+}
+
+}  // namespace ctl

@@ -1,0 +1,25 @@
+// How tqctl ends, and how it says why.
+#pragma once
+
+namespace ctl {
+
+// The exit status.
+enum Status : int {
+    kDone = 0,      // done, and seen on the wire
+    kFailed = 1,    // this machine failed: no memory, no room for the output
+    kUsage = 2,     // wrongly asked, or unsafe: nothing was sent
+    kNoUnit = 3,    // no such unit
+    kSeveral = 4,   // the name fits several units
+    kNoRight = 5,   // no right to do it, or no network to do it on
+    kNotTaken = 6,  // sent, but the unit does not show it
+    kRefused = 7,   // the unit says no
+};
+
+// Prints "tqctl: " and a sentence to standard error. Returns the status.
+Status Fail(Status status, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// The command that gives an executable the right to packet sockets.
+inline constexpr char kSetcap[] =
+    "sudo setcap cap_net_raw,cap_net_admin+ep \"$(command -v tqctl)\"";
+
+}  // namespace ctl

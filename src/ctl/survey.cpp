@@ -1,0 +1,227 @@
+#include "ctl/survey.h"
+
+#include <linux/if_packet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ctl/arp.h"
+#include "ctl/udp.h"
+#include "discovery/announce.h"
+#include "discovery/package.h"
+#include "discovery/raw_broadcast.h"
+#include "kirvex/packet.h"
+#include "kirvex/request.h"
+
+namespace ctl {
+
+static constexpr Milliseconds kQueryInterval = 200;
+static constexpr int kQueriesInRound = 2;
+static constexpr int kQuietRounds = 2;
+static constexpr Milliseconds kLeastTime = 1600;
+static constexpr Milliseconds kMostTime = 5000;
+static constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+// The model in whose name a query is made; units do not read it.
+static constexpr char kQueryModel[] = "tqctl";
+
+Status Survey::Open() {
+    native_ = OpenUdp(TQ_CLIENT_PORT);
+    if (!native_) {
+        return Fail(kNoRight,
+                    "can't listen on UDP port %d: %s. Another program holds it for itself; end it "
+                    "('ss -ulnp sport = :%d' names it)",
+                    TQ_CLIENT_PORT, strerror(errno), TQ_CLIENT_PORT);
+    }
+    kirvex_ = OpenUdp(0);
+    if (!kirvex_) {
+        return Fail(kNoRight, "can't open a socket: %s", strerror(errno));
+    }
+    // Without the right both stay empty, and ordinary datagrams have to do.
+    packet_.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    arp_ = OpenArp();
+    return kDone;
+}
+
+void Survey::Search(const Link &link, Address source) {
+    uint8_t request[kx::kHeaderSize];
+    kx::WriteSearch(request);
+    SendUdp(kirvex_.get(), {link.index, source, INADDR_BROADCAST, kx::kPort}, request,
+            sizeof request);
+}
+
+// An ordinary broadcast is heard as well as one that is built here, but can't always be sent from
+// an interface without an address.
+bool Survey::QueryOn(const Link &link) {
+    char query[discovery::kPackageSize];
+    const size_t size = discovery::EncodeQuery(kQueryModel, query);
+    Search(link, 0);
+    return (packet_ && SendToStation(packet_.get(), link.index, kEveryStation, TQ_SERVER_PORT,
+                                     query, size) == 0) ||
+           SendUdp(native_.get(), {link.index, 0, INADDR_BROADCAST, TQ_SERVER_PORT}, query, size);
+}
+
+bool Survey::Query() {
+    bool sent = false;
+    int error = 0;
+    for (int i = 0; i < links_.count; ++i) {
+        const bool done = QueryOn(links_.link[i]);
+        error = done ? error : errno;
+        sent |= done;
+        if (verbose_) {
+            fprintf(stderr, "tqctl: query on %s: %s\n", links_.link[i].name,
+                    done ? packet_ ? "sent through a packet socket" : "sent" : strerror(error));
+        }
+    }
+    if (source_ != 0) {
+        Search(links_.link[sourceLink_], source_);
+    }
+    errno = error;
+    return sent;
+}
+
+void Survey::SearchFrom(int link, Address source) {
+    sourceLink_ = link;
+    source_ = source;
+}
+
+void Survey::Take(const Unit &unit, void *context) {
+    Survey &survey = *static_cast<Survey *>(context);
+    Unit heard = unit;
+    heard.link = survey.link_;
+    const bool fresh = survey.units_.Take(heard);
+    if (fresh && survey.verbose_ && !heard.IsWhole()) {
+        fprintf(stderr, "tqctl: an answer on %s has %d fields instead of %d\n",
+                survey.links_.link[survey.link_].name, heard.fields, kPackageFields);
+    }
+}
+
+void Survey::TakeNative() {
+    Datagram reply;
+    if (!ReceiveUdp(native_.get(), &reply)) {
+        return;
+    }
+    link_ = links_.Find(reply.interface);
+    if (link_ == -1) {
+        return;
+    }
+    const int count =
+        ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this);
+    if (count == 0 && verbose_) {
+        fprintf(stderr, "tqctl: %zu bytes from %s are no answer\n", reply.size,
+                ToText(reply.source).text);
+    }
+}
+
+void Survey::TakeSearchReply() {
+    Datagram reply;
+    Unit unit;
+    if (!ReceiveUdp(kirvex_.get(), &reply) || !ReadSearchReply({reply.data, reply.size}, &unit)) {
+        return;
+    }
+    link_ = links_.Find(reply.interface);
+    if (link_ != -1) {
+        Take(unit, this);
+    }
+}
+
+void Survey::TakeArp() {
+    ArpPacket packet;
+    if (!ReceiveArp(arp_.get(), &packet)) {
+        return;
+    }
+    const int link = links_.Find(packet.interface);
+    // Who announces or looks for an address of his own asks for no gateway.
+    if (link == -1 || !packet.request || packet.sender == 0 || packet.sender == packet.target ||
+        links_.link[link].Fits(packet.sender)) {
+        return;
+    }
+    for (int i = 0; i < silentCount_; ++i) {
+        if (memcmp(silent_[i].mac, packet.senderMac, ETH_ALEN) == 0) {
+            return;
+        }
+    }
+    if (silentCount_ < kMostSilent) {
+        Silent &silent = silent_[silentCount_++];
+        silent = {packet.sender, packet.target, {}, link};
+        memcpy(silent.mac, packet.senderMac, ETH_ALEN);
+    }
+}
+
+void Survey::Listen(Milliseconds time) {
+    const Milliseconds end = Now() + time;
+    for (Milliseconds left = time; left > 0; left = end - Now()) {
+        pollfd wanted[] = {
+            {native_.get(), POLLIN, 0}, {kirvex_.get(), POLLIN, 0}, {arp_.get(), POLLIN, 0}};
+        if (poll(wanted, sizeof wanted / sizeof *wanted, static_cast<int>(left)) < 1) {
+            continue;
+        }
+        if (wanted[0].revents) {
+            TakeNative();
+        }
+        if (wanted[1].revents) {
+            TakeSearchReply();
+        }
+        if (wanted[2].revents) {
+            TakeArp();
+        }
+    }
+}
+
+void Survey::ShowProgress() const {
+    if (isatty(STDERR_FILENO) && !verbose_) {
+        fprintf(stderr, "\rlooking for units ... %d", units_.count());
+        fflush(stderr);
+    }
+}
+
+Status Survey::Discover(Milliseconds time) {
+    const Milliseconds start = Now();
+    int quiet = 0;
+    for (;;) {
+        const Milliseconds passed = Now() - start;
+        if (time > 0 ? passed >= time
+                     : passed >= kMostTime || (quiet >= kQuietRounds && passed >= kLeastTime)) {
+            break;
+        }
+        ShowProgress();
+        const int before = units_.count();
+        for (int i = 0; i < kQueriesInRound; ++i) {
+            if (!Query()) {
+                return Fail(kNoRight,
+                            "can't send on any interface: %s. An interface without an address "
+                            "needs one, or the right to packet sockets: %s",
+                            strerror(errno), kSetcap);
+            }
+            Listen(kQueryInterval);
+        }
+        quiet = units_.count() > before ? 0 : quiet + 1;
+    }
+    if (isatty(STDERR_FILENO) && !verbose_) {
+        fputs("\r\033[K", stderr);
+    }
+    units_.Sort();
+    SortOut();
+    return kDone;
+}
+
+void Survey::SortOut() {
+    int kept = 0;
+    for (int i = 0; i < silentCount_; ++i) {
+        bool heard = false;
+        for (int k = 0; k < units_.count(); ++k) {
+            heard |= memcmp(units_[k].mac, silent_[i].mac, ETH_ALEN) == 0;
+        }
+        if (!heard) {
+            silent_[kept++] = silent_[i];
+        }
+    }
+    silentCount_ = kept;
+}
+
+}  // namespace ctl

@@ -1,0 +1,78 @@
+// Who is on the links: queries of both protocols, and what comes back.
+#pragma once
+
+#include "common/owners.h"
+#include "ctl/clock.h"
+#include "ctl/links.h"
+#include "ctl/status.h"
+#include "ctl/unit.h"
+
+namespace ctl {
+
+// A host of a foreign subnet that asks in vain for its gateway: what a KIRVEX unit does when it
+// wants to answer and can't.
+struct Silent {
+    Address address;
+    Address gateway;
+    uint8_t mac[ETH_ALEN];
+    int link;
+};
+
+inline constexpr int kMostSilent = 32;
+
+class Survey {
+  public:
+    Survey(const Links &links, bool verbose) : links_(links), verbose_(verbose) {}
+
+    // Opens the sockets.
+    Status Open();
+
+    // Queries in rounds until two in a row bring nobody new (1.6 to 5 s), or for `time`.
+    Status Discover(Milliseconds time);
+
+    // Sends one query of each protocol on every link. Returns false with errno set when nothing
+    // could be sent on any.
+    bool Query();
+
+    // Collects what comes, for so long.
+    void Listen(Milliseconds time);
+
+    // Has searches on one link sent from that address as well; 0 for no longer.
+    void SearchFrom(int link, Address source);
+
+    // Whether datagrams can be addressed to one station.
+    bool HasPacketRight() const { return static_cast<bool>(packet_); }
+    int packetSocket() const { return packet_.get(); }
+    int nativeSocket() const { return native_.get(); }
+
+    const Links &links() const { return links_; }
+    UnitList &units() { return units_; }
+    const Silent *silent() const { return silent_; }
+    int silentCount() const { return silentCount_; }
+    // Drops from the silent ones those that have been heard after all.
+    void SortOut();
+
+  private:
+    bool QueryOn(const Link &link);
+    void Search(const Link &link, Address source);
+    void TakeNative();
+    void TakeSearchReply();
+    void TakeArp();
+    void ShowProgress() const;
+    static void Take(const Unit &unit, void *context);
+
+    const Links &links_;
+    bool verbose_;
+    UniqueFd native_;
+    UniqueFd kirvex_;
+    UniqueFd packet_;
+    UniqueFd arp_;
+    UnitList units_;
+    int link_ = 0;  // over which what is being read came
+    int sourceLink_ = 0;
+    Address source_ = 0;
+    Silent silent_[kMostSilent];
+    int silentCount_ = 0;
+};
+
+}  // namespace ctl

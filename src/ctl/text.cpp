@@ -1,0 +1,130 @@
+#include "ctl/text.h"
+
+#include <cstring>
+
+namespace ctl {
+
+namespace {
+
+// A run of code points.
+struct Range {
+    uint32_t first;
+    uint32_t last;
+};
+
+constexpr uint32_t kReplacement = 0xFFFD;
+
+}  // namespace
+
+// Control characters, and those that turn the direction of what follows.
+static constexpr Range kSteering[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0x200E, 0x200F},
+                                      {0x2028, 0x202E}, {0x2066, 0x2069}, {0xFEFF, 0xFEFF}};
+
+// Two columns wide, and none.
+static constexpr Range kWide[] = {{0x1100, 0x115F}, {0x2E80, 0xA4CF},   {0xAC00, 0xD7A3},
+                                  {0xF900, 0xFAFF}, {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},
+                                  {0xFFE0, 0xFFE6}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+static constexpr Range kNarrow[] = {{0x0300, 0x036F}, {0x200B, 0x200D}, {0xFE00, 0xFE0F}};
+
+template <size_t kCount>
+static bool IsIn(const Range (&ranges)[kCount], uint32_t code) {
+    for (const Range &range : ranges) {
+        if (code >= range.first && code <= range.last) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Reads the code point that `text` begins with and its length in bytes; a byte that begins none is
+// taken alone and gives kReplacement (which itself is three bytes long).
+static uint32_t ReadCodePoint(const char *text, size_t *length) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
+    *length = 1;
+    if (bytes[0] < 0x80) {
+        return bytes[0];
+    }
+    const size_t size = bytes[0] >= 0xF0 ? 4 : bytes[0] >= 0xE0 ? 3 : 2;
+    static constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+    uint32_t code = bytes[0] & (0xFFU >> (size + 1));
+    for (size_t i = 1; i < size; ++i) {
+        if ((bytes[i] & 0xC0) != 0x80) {  // the terminator included
+            return kReplacement;
+        }
+        code = code << 6 | (bytes[i] & 0x3F);
+    }
+    const bool valid = bytes[0] >= 0xC2 && bytes[0] <= 0xF4 && code >= kLeast[size] &&
+                       code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
+    if (!valid) {
+        return kReplacement;
+    }
+    *length = size;
+    return code;
+}
+
+void MakeHarmless(const char *text, char (&out)[kCellSize]) {
+    size_t used = 0;
+    size_t length;
+    for (; *text != '\0' && used + 4 * 4 < kCellSize; text += length) {
+        const uint32_t code = ReadCodePoint(text, &length);
+        if (!IsIn(kSteering, code) && (code != kReplacement || length > 1)) {
+            memcpy(out + used, text, length);
+            used += length;
+            continue;
+        }
+        for (size_t i = 0; i < length; ++i) {
+            used += static_cast<size_t>(
+                snprintf(out + used, 5, "\\x%02x", static_cast<unsigned char>(text[i])));
+        }
+    }
+    out[used] = '\0';
+}
+
+static size_t CodePointWidth(uint32_t code) {
+    return IsIn(kWide, code) ? 2 : IsIn(kNarrow, code) ? 0 : 1;
+}
+
+size_t DisplayWidth(const char *text) {
+    size_t width = 0;
+    size_t length;
+    for (; *text != '\0'; text += length) {
+        width += CodePointWidth(ReadCodePoint(text, &length));
+    }
+    return width;
+}
+
+void PrintCell(FILE *out, const char *text, size_t width) {
+    const bool cut = width > 0 && DisplayWidth(text) > width;
+    size_t left = cut ? width - 1 : width;
+    size_t length;
+    for (; *text != '\0'; text += length) {
+        const size_t next = CodePointWidth(ReadCodePoint(text, &length));
+        if (cut && next > left) {
+            break;
+        }
+        fwrite(text, 1, length, out);
+        left -= width > 0 ? next : 0;
+    }
+    if (cut) {
+        fputc('~', out);
+    }
+    fprintf(out, "%*s", static_cast<int>(left), "");
+}
+
+void PrintJsonString(FILE *out, const char *text) {
+    fputc('"', out);
+    size_t length;
+    for (; *text != '\0'; text += length) {
+        const uint32_t code = ReadCodePoint(text, &length);
+        if (code == '"' || code == '\\') {
+            fprintf(out, "\\%c", static_cast<char>(code));
+        } else if (IsIn(kSteering, code) || code == kReplacement) {
+            fprintf(out, "\\u%04x", static_cast<unsigned>(code));
+        } else {
+            fwrite(text, 1, length, out);
+        }
+    }
+    fputc('"', out);
+}
+
+}  // namespace ctl

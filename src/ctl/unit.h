@@ -1,0 +1,82 @@
+// A unit as it was heard, in whichever protocol it speaks.
+#pragma once
+
+#include <linux/if_ether.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "ctl/links.h"
+#include "unit/unit_info.h"
+
+namespace ctl {
+
+inline constexpr int kPackageFields = 11;
+
+struct Unit {
+    UnitInfo info;  // its texts, as it says them
+    bool kirvex;
+    char brand[64];  // KIRVEX alone, like the next three
+    char firmware[32];
+    bool dhcp;
+    Address secondDns;
+    uint8_t mac[ETH_ALEN];
+    Address ip;  // 0 when the text is no address, like the following
+    Address netmask;
+    Address gateway;
+    Address dns;
+    int fields;  // what a native answer carried; kPackageFields when it was whole
+    int heard;   // how often
+    int link;    // on which link; -1 when another unit told
+
+    bool IsWhole() const { return kirvex || fields == kPackageFields; }
+    bool HasMac() const { return info.mac[0] != '\0'; }
+    // The prefix length; -1 for a netmask with holes, and without one.
+    int Prefix() const { return netmask == 0 ? -1 : PrefixOf(netmask); }
+    // What names a unit among others.
+    bool IsSameAs(const Unit &other) const;
+};
+
+// Reads the text of a native package (inverted back, zero-terminated). An answer with other than
+// eleven fields is read as far as its MAC field tells which is which: a name or a note may hold
+// commas. Returns false for what is no unit's answer at all.
+bool ReadUnitText(const char *text, Unit *unit);
+
+// Reads an encoded package or list reply of `length` bytes; `take` is called for every unit in it.
+// Returns their number.
+using TakeUnit = void (*)(const Unit &unit, void *context);
+int ReadPackage(const char *encoded, size_t length, TakeUnit take, void *context);
+
+// Reads a KIRVEX search reply.
+bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit);
+
+// Reads a MAC address written with ":", with "-" or without either.
+bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]);
+
+// Heap storage for units, which grows; without memory, what comes is dropped.
+class UnitList {
+  public:
+    UnitList() = default;
+    UnitList(const UnitList &) = delete;
+    UnitList &operator=(const UnitList &) = delete;
+    ~UnitList();
+
+    // Adds a unit, or counts and renews the one that is there. Returns whether it is new.
+    bool Take(const Unit &unit);
+    // The same unit as it is known; null when it is not. Valid until the next change.
+    Unit *Find(const Unit &unit);
+    void Sort();  // by address, then by MAC
+    void Drop(int at);
+    void Clear() { count_ = 0; }
+    int count() const { return count_; }
+    Unit &operator[](int i) { return units_[i]; }
+    const Unit &operator[](int i) const { return units_[i]; }
+
+  private:
+    Unit *units_ = nullptr;
+    int count_ = 0;
+    int room_ = 0;
+};
+
+}  // namespace ctl

@@ -22,8 +22,7 @@ static Status CheckAccount(const char *account) {
     for (const char *at = account; *at != '\0'; ++at) {
         printable &= static_cast<unsigned char>(*at) >= ' ' && *at != 0x7F;
     }
-    if (!kx::IsAdministrator(account) || !printable ||
-        length > kLongestAccount) {
+    if (!kx::IsAdministrator(account) || !printable || length > kLongestAccount) {
         return Fail(kUsage,
                     "an administrator's account begins with \"%s\" and has at most %zu characters",
                     kAdministrator, kLongestAccount);

@@ -10,7 +10,8 @@ namespace ctl {
 using Milliseconds = int64_t;
 
 inline Milliseconds Now() {
-    return MonotonicMicroseconds() / 1000;
+    const timeval now = MonotonicTime();
+    return Milliseconds{now.tv_sec} * 1000 + now.tv_usec / 1000;
 }
 
 }  // namespace ctl

@@ -8,7 +8,6 @@ import pty
 import random
 import re
 import select
-import shutil
 import socket
 import subprocess
 import threading
@@ -19,30 +18,12 @@ import pytest
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--bounding-set=-all", "--inh-caps=-all"]
 RIGHTS = {"root": [], "nobody": NOBODY}
 MODEL = "QVR-7140-16T"
-# Applies the interfaces file of the unit's protocol, as the board's own script does; a lease takes its time.
-NETWORKING = """#!/bin/sh
-echo "$@" >>/var/networking
-[ -s /mtd1/interfaces ] && file=/mtd1/interfaces || file=/etc/network/interfaces
-eval $(awk '$1 == "iface" {on = $2 == "eth0"; if (on && $4 == "dhcp") print "lease=1"} on && NF == 2 {print $1 "=" $2}' $file)
-[ "${lease:-}" ] && sleep 1.2 && read address netmask </etc/lease
-ip address flush dev eth0
-ip address add $address/$netmask broadcast + dev eth0
-[ -z "${gateway:-}" ] || ip route add default via $gateway dev eth0 onlink
-"""
 STANZA = "auto eth0\niface eth0 inet static\n  address {}\n  netmask 255.255.255.0\n"
-
-
-def command(host, *arguments, right="root"):
-    binary = host.path("opt/tqctl")
-    if not binary.exists():
-        shutil.copy(lan.CHOSEN.path.parent / "tqctl", binary)
-    return [*host.nsenter, *RIGHTS[right], "env", "QEMU_LD_PREFIX=/usr/powerpc-linux-gnu", *lan.CHOSEN.emulator,
-            "/opt/tqctl", *arguments]
 
 
 def tqctl(host, *arguments, status=0, right="root", said="", **options):
     """Runs the tool, which must end with that status and say that on standard error; returns its output."""
-    done = subprocess.run(command(host, *arguments, right=right), timeout=120, check=False, stdout=subprocess.PIPE,
+    done = subprocess.run(host.tqctl(*arguments, prefix=RIGHTS[right]), timeout=120, check=False, stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, encoding="utf8", errors="surrogateescape",
                           **{"stdin": subprocess.DEVNULL, **options})
     assert done.returncode == status and re.search(said, done.stderr), (
@@ -59,9 +40,9 @@ def listed(host, *arguments, **options):
 
 def unit(net, name="hall", address="192.168.1.21/24", start=True, setup="YES", files=(), **options):
     host = net.host(name, address, files={
-        "etc/init.d/networking": NETWORKING, "etc/TQ.conf": f"NETSETUP={setup}\n",
+        "etc/TQ.conf": f"NETSETUP={setup}\n",
         "etc/network/interfaces": STANZA.format(address[:-3]), **dict(files)}, **options)
-    host.path("etc/init.d/networking").chmod(0o755)
+    host.apply_settings()
     return host.start_tq() if start else host
 
 
@@ -281,7 +262,7 @@ def test_kirvex_unit_that_can_not_answer(net):
     tqctl(net.desk, "show", "10.77.5.31", status=2, said="--yes gives it 10.77.5.32/24")
     tqctl(net.desk, "show", "10.77.5.31", "--yes", right="nobody", status=3, said="no unit")
     assert '"name":"QVR-7140-16T"' in tqctl(net.desk, "show", host.macs[0], "--yes", "--json")
-    stopped = subprocess.Popen(command(net.desk, "-t", "30", "show", "10.77.5.31", "--yes"), stderr=subprocess.DEVNULL)
+    stopped = subprocess.Popen(net.desk.tqctl("-t", "30", "show", "10.77.5.31", "--yes"), stderr=subprocess.DEVNULL)
     lan.wait_until(lambda: "10.77.5.32" in net.desk.run("ip -o -4 address"), seconds=60)
     subprocess.run(["pkill", "-TERM", "-P", str(stopped.pid)], check=False)
     stopped.terminate()
@@ -308,7 +289,7 @@ def test_hostile_texts_do_no_harm(net):
         table, plain = (tqctl(net.desk, "-t", "0.3", "list", *form) for form in ([], ["--plain"]))
         main, other = pty.openpty()
         subprocess.run(["stty", "cols", "80"], stdin=other, check=True)
-        subprocess.run(command(net.desk, "-t", "0.3", "list"), stdin=other, stdout=other, stderr=subprocess.DEVNULL, check=True)
+        subprocess.run(net.desk.tqctl("-t", "0.3", "list"), stdin=other, stdout=other, stderr=subprocess.DEVNULL, check=True)
         os.close(other)
         screen = os.read(main, 65536).decode().replace("\r\n", "\n")
     names = {row["mac"]: row["name"] for row in rows}
@@ -337,7 +318,7 @@ def test_crowds_and_losses(net):
 
 def test_watch_shows_who_comes_and_goes(net):
     host = unit(net)
-    with subprocess.Popen(command(net.desk, "list", "--watch"), stdout=subprocess.PIPE, text=True) as watch:
+    with subprocess.Popen(net.desk.tqctl("list", "--watch"), stdout=subprocess.PIPE, text=True) as watch:
         def next_line():
             return watch.stdout.readline().split("\t")[:5]
 

@@ -225,6 +225,16 @@ class Host:
         assert done.returncode == status, f"TQ ended with {done.returncode} on {self.name}:\n{printed}"
         return printed
 
+    def tqctl(self, *arguments, prefix=()):
+        """How tqctl is run on this host, from outside, behind the words of `prefix`."""
+        if not self.path("opt/tqctl").exists():
+            shutil.copy(self.program.path.parent / "tqctl", self.path("opt/tqctl"))
+        return [*self.nsenter, *prefix, *self.command()[:-1], "/opt/tqctl", *arguments]
+
+    def apply_settings(self):
+        """From now on a restart of the network applies what the interfaces file says."""
+        shutil.copy(TOP / "tests/support/networking", self.path("etc/init.d/networking"))
+
     def start_tq(self, *arguments, ready=r"UDP Socket|AnyAddrSocket"):
         """Starts TQ -D and waits until its server has its sockets (`ready` is in its log)."""
         before = len(self.log())

@@ -389,8 +389,10 @@ void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, co
     fputs(event ? "]" : "\n],\"silent\":[", out);
     for (int i = 0; !event && i < survey.silentCount(); ++i) {
         const Silent &silent = survey.silent()[i];
-        fprintf(out, "%s\n{\"ip\":\"%s\",\"gateway\":\"%s\",\"mac\":\"", i == 0 ? "" : ",",
-                ToText(silent.address).text, ToText(silent.gateway).text);
+        fprintf(out, "%s\n{\"ip\":\"%s\",\"gateway\":", i == 0 ? "" : ",",
+                ToText(silent.address).text);
+        fprintf(out, silent.gateway != 0 ? "\"%s\"" : "null", ToText(silent.gateway).text);
+        fputs(",\"mac\":\"", out);
         PrintMac(out, silent.mac);
         fprintf(out, "\",\"interface\":\"%s\"}", survey.links().link[silent.link].name);
     }
@@ -440,9 +442,10 @@ void ExplainMarks(Survey &survey) {
         fprintf(stderr, "%s (", address.text);
         PrintMac(stderr, silent.mac);
         fprintf(stderr,
-                ") on %s asks in vain for %s. It may be a KIRVEX unit whose gateway is dead:\n"
+                ") on %s can't answer, its gateway is %s: it may be a KIRVEX unit\n"
                 "  tqctl show %s\n",
-                survey.links().link[silent.link].name, ToText(silent.gateway).text, address.text);
+                survey.links().link[silent.link].name,
+                silent.gateway != 0 ? ToText(silent.gateway).text : "none", address.text);
     }
 }
 

@@ -148,7 +148,9 @@ void Survey::TakeArp() {
     }
     if (silentCount_ < kMostSilent) {
         Silent &silent = silent_[silentCount_++];
-        silent = {packet.sender, packet.target, {}, link};
+        // One without a gateway takes everybody for a neighbour, and asks for this machine.
+        const Address gateway = links_.link[link].Fits(packet.target) ? 0 : packet.target;
+        silent = {packet.sender, gateway, {}, link};
         memcpy(silent.mac, packet.senderMac, ETH_ALEN);
     }
 }

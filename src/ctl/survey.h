@@ -9,11 +9,11 @@
 
 namespace ctl {
 
-// A host of a foreign subnet that asks in vain for its gateway: what a KIRVEX unit does when it
-// wants to answer and can't.
+// A host of a foreign subnet that asks in vain for its gateway, or for this machine: what a KIRVEX
+// unit does when it wants to answer and can't.
 struct Silent {
     Address address;
-    Address gateway;
+    Address gateway;  // 0: it has none
     uint8_t mac[ETH_ALEN];
     int link;
 };

@@ -17,6 +17,8 @@ import pytest
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--bounding-set=-all", "--inh-caps=-all"]
 RIGHTS = {"root": [], "nobody": NOBODY}
+# Notes the number by which stop() ends it.
+NUMBERED = ["sh", "-c", 'echo $$ >/run/tqctl.pid; exec "$@"', "sh"]
 MODEL = "QVR-7140-16T"
 STANZA = "auto eth0\niface eth0 inet static\n  address {}\n  netmask 255.255.255.0\n"
 
@@ -29,6 +31,11 @@ def tqctl(host, *arguments, status=0, right="root", said="", **options):
     assert done.returncode == status and re.search(said, done.stderr), (
         f"tqctl {' '.join(arguments)}: status {done.returncode}\n{done.stdout}{done.stderr}")
     return done.stdout
+
+
+def stop(host, process):
+    host.run("kill $(cat /run/tqctl.pid)")
+    return process.wait(30)
 
 
 def listed(host, *arguments, **options):
@@ -190,7 +197,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "hall", "--address", "192.168.1.99/24"], 2, "refused: 02:.* has 192.168.1.99"),
             (["set", "hall", "--address", "192.168.1.20/24"], 2, "refused: this machine has"),
             (["set", "bare", *fits], 2, "refused: the unit reports no name server"),
-            (["set", "comma", *fits], 2, "refused: the unit's project"),
+            (["set", "192.168.1.24", *fits], 2, "refused: the unit's name is empty or holds a comma"),
             (["set", "192.168.1.25", "--dhcp"], 2, "refused: the unit's project is empty"),
             (["set", "192.168.1.26", *fits], 4, "is 2 units.*\n.*" + "\n.*".join(host.macs[0] for host in twins)),
             (["set", "nobody", *fits], 3, "no unit 'nobody'"),
@@ -253,23 +260,24 @@ def test_kirvex_settings_and_passwords(net, right):
 
 def test_kirvex_unit_that_can_not_answer(net):
     host = recorder(net, address="10.77.5.31/24", gateway="10.77.5.1")
-    hint = r"10\.77\.5\.31 \(" + host.macs[0] + r"\) on eth0 asks in vain for 10\.77\.5\.1.*\n  tqctl show 10\.77\.5\.31\n"
+    hint = r"10\.77\.5\.31 \(" + host.macs[0] + r"\) on eth0 can't answer, its gateway is 10\.77\.5\.1: .*\n  tqctl show 10\.77\.5\.31\n"
     tqctl(net.desk, "list", status=3, said=hint)
     (silent,) = json.loads(tqctl(net.desk, "list", "--json", status=3))["silent"]
     assert silent == {"ip": "10.77.5.31", "gateway": "10.77.5.1", "mac": host.macs[0], "interface": "eth0"}
     net.desk.write({"etc/right": "1234\n"})
     addresses = net.desk.run("ip -o -4 address")
     tqctl(net.desk, "show", "10.77.5.31", status=2, said="--yes gives it 10.77.5.32/24")
-    tqctl(net.desk, "show", "10.77.5.31", "--yes", right="nobody", status=3, said="no unit")
+    tqctl(net.desk, "show", "10.77.5.31", "--yes", right="nobody", status=5, said="setcap")
     assert '"name":"QVR-7140-16T"' in tqctl(net.desk, "show", host.macs[0], "--yes", "--json")
-    stopped = subprocess.Popen(net.desk.tqctl("-t", "30", "show", "10.77.5.31", "--yes"), stderr=subprocess.DEVNULL)
+    waiting = subprocess.Popen(net.desk.tqctl("-t", "30", "show", "10.77.5.31", "--yes", prefix=NUMBERED),
+                               stderr=subprocess.DEVNULL)
     lan.wait_until(lambda: "10.77.5.32" in net.desk.run("ip -o -4 address"), seconds=60)
-    subprocess.run(["pkill", "-TERM", "-P", str(stopped.pid)], check=False)
-    stopped.terminate()
-    lan.wait_until(lambda: "10.77.5.32" not in net.desk.run("ip -o -4 address"))
-    stopped.wait()
+    assert stop(net.desk, waiting) in (-15, 128 + 15)
     assert net.desk.run("ip -o -4 address") == addresses
-    lan.ip("route del default", host=host)  # now it does not even ask
+    lan.ip("route del default", host=host)  # now everybody is its neighbour, but none of a desk that filters
+    assert host.macs[0] in listed(net.desk)
+    net.desk.run("echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter; ip neighbour flush all")
+    tqctl(net.desk, "list", status=3, said="its gateway is none")
     out = tqctl(net.desk, "-t", "0.6", "set", "10.77.5.31", "--address", "192.168.1.31/24", "--gateway", "192.168.1.1",
                 "--password-file", "/etc/right", "--yes", said="for the length of this command")
     assert "answers from 192.168.1.31/24, gateway 192.168.1.1" in out
@@ -318,7 +326,7 @@ def test_crowds_and_losses(net):
 
 def test_watch_shows_who_comes_and_goes(net):
     host = unit(net)
-    with subprocess.Popen(net.desk.tqctl("list", "--watch"), stdout=subprocess.PIPE, text=True) as watch:
+    with subprocess.Popen(net.desk.tqctl("list", "--watch", prefix=NUMBERED), stdout=subprocess.PIPE, text=True) as watch:
         def next_line():
             return watch.stdout.readline().split("\t")[:5]
 
@@ -329,4 +337,4 @@ def test_watch_shows_who_comes_and_goes(net):
         assert [next_line()[1] for _ in range(2)] and second
         second.stop_all()
         lan.wait_until(lambda: next_line()[:2] == ["-", "store"])
-        watch.terminate()
+        stop(net.desk, watch)

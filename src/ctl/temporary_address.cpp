@@ -49,7 +49,8 @@ static AddressRequest MakeRequest(bool add, int interface, Address address, int 
         static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | (add ? NLM_F_CREATE | NLM_F_EXCL : 0));
     request.interface.ifa_family = AF_INET;
     request.interface.ifa_prefixlen = static_cast<uint8_t>(prefix);
-    request.interface.ifa_scope = RT_SCOPE_LINK;
+    // A narrower scope would put it before the interface's own address, as the source of all else.
+    request.interface.ifa_scope = RT_SCOPE_UNIVERSE;
     request.interface.ifa_index = static_cast<unsigned>(interface);
     request.local.address = htonl(address);
     return request;

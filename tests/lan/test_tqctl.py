@@ -199,7 +199,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "bare", *fits], 2, "refused: the unit reports no name server"),
             (["set", "192.168.1.24", *fits], 2, "refused: the unit's name is empty or holds a comma"),
             (["set", "192.168.1.25", "--dhcp"], 2, "refused: the unit's project is empty"),
-            (["set", "192.168.1.26", *fits], 4, "is 2 units.*\n.*" + "\n.*".join(host.macs[0] for host in twins)),
+            (["set", "192.168.1.26", *fits], 4, "is 2 units.*\n  {}.*\n  {}".format(*(host.macs[0] for host in twins))),
             (["set", "nobody", *fits], 3, "no unit 'nobody'"),
             (["check-password", "hall"], 2, "knows no passwords"),
             (["set", "hall", *fits, "--dry-run"], 0, "nothing was sent"),
@@ -276,7 +276,8 @@ def test_kirvex_unit_that_can_not_answer(net):
     assert net.desk.run("ip -o -4 address") == addresses
     lan.ip("route del default", host=host)  # now everybody is its neighbour, but none of a desk that filters
     assert host.macs[0] in listed(net.desk)
-    net.desk.run("echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter; ip neighbour flush all")
+    net.desk.run("echo 1 >/proc/sys/net/ipv4/conf/eth0/rp_filter")
+    host.run("ip neighbour flush dev eth0")
     tqctl(net.desk, "list", status=3, said="its gateway is none")
     out = tqctl(net.desk, "-t", "0.6", "set", "10.77.5.31", "--address", "192.168.1.31/24", "--gateway", "192.168.1.1",
                 "--password-file", "/etc/right", "--yes", said="for the length of this command")

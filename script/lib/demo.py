@@ -2,7 +2,7 @@
 import difflib
 import pathlib
 import re
-import socket
+import subprocess
 import sys
 import textwrap
 
@@ -97,17 +97,27 @@ def discovery(desk, units):
     check(command(desk, "-I", "eth0", "-F", "nas") == ["store"], "one unit found")
 
 
-def list_request(desk, units):
-    board = units[-1]
-    step(f"A management tool asks one unit, {board.name} (PowerPC), for the list of all, over TCP",
-         "one line for every other unit and, last, one for the asked unit itself.")
-    with desk.socket(kind=socket.SOCK_STREAM) as client:
-        client.connect((board.record()[3], lan.SERVER_PORT))
-        client.sendall(lan.LIST_REQUEST)
-        answer = b"".join(iter(lambda: client.recv(65536), b""))
-    rows = [fields[2:5] + fields[6:8] + fields[9:10] + fields[11:] for fields in lan.records(answer)]
-    table([("project", "name", "address", "netmask", "gateway", "MAC", "note"), *rows])
-    check([row[1] for row in rows] == [*by_mac(units[:-1]), board.name], f"{len(rows)} records")
+def tool(host, *arguments):
+    """Runs tqctl and returns what it printed on standard output; its exit status is checked."""
+    words = " ".join(f"'{word}'" if set(word) & set(" $*") else word for word in arguments)
+    print(f"   {host.name}$ tqctl {words}", flush=True)
+    done = subprocess.run(host.tqctl(*arguments), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          text=True, check=False)
+    show(done.stderr + done.stdout)
+    print(f"   exit status {done.returncode}", flush=True)
+    return done.returncode, done.stdout
+
+
+def tool_lists(desk, units):
+    step("The technician's tool lists the same LAN, both protocols, and marks what does not fit",
+         "a line for every unit on every interface, sorted by address; the recorder speaks KIRVEX.")
+    _, listed = tool(desk, "list")
+    check(all(unit.macs[0] in listed for unit in units), f"all {len(units)} units")
+    board = units[-2]
+    step(f"It asks one unit, {board.name} (PowerPC), for the list of its LAN, over TCP",
+         "all native units once more, told by that one.")
+    _, listed = tool(desk, "list", "--via", board.record()[3])
+    check(all(unit.macs[0] in listed for unit in units[:-1]), f"{len(units) - 1} units")
 
 
 def show_diff(unit, name, before):
@@ -117,74 +127,49 @@ def show_diff(unit, name, before):
     return after
 
 
-def network_setup(desk, unit):
-    step(f"The tool gives {unit.name} a new address, in one package",
-         "the unit's stanza of eth0 and its first name server rewritten, all else untouched, and the network",
-         "restart called. A second setup is then ignored until the server is started anew.")
+def network_setup(desk, unit, stranger):
+    step(f"It gives {unit.name} a new address",
+         "the setup goes to that unit alone, which rewrites the stanza of eth0 and its first name server, restarts",
+         "its network, and answers from the new address.")
     names = ("etc/network/interfaces", "etc/resolv.conf")
     before = {name: unit.path(name).read_text() for name in names}
+    status, said = tool(desk, "set", unit.name, "--address", "192.168.1.121/24", "--gateway", "192.168.1.1", "--dns",
+                        "192.168.1.3")
+    check(status == 0 and "answers from 192.168.1.121/24" in said, "the unit itself says so")
+    after = [show_diff(unit, name, before[name]) for name in names]
+    check(after[0] == INTERFACES.replace("192.168.1.21\n", "192.168.1.121\n"), "only the address changed")
 
-    def send(**changed):
-        desk.ask(lan.package(3, *unit.record(**changed)) + b"\0", to="192.168.1.21", patience=0)
-        desk.ask(to="192.168.1.21")  # answered when the setup is through
+    step("The same with an address that somebody has", "refused before anything is sent.")
+    check(tool(desk, "set", stranger.name, "--address", "192.168.1.24/24")[0] == 2, "refused")
 
-    send(ip="192.168.1.121", dns="192.168.1.3", note="static")
-    for name in names:
-        show_diff(unit, name, before[name])
-    print(f"   {unit.name}: /etc/init.d/networking was called with: {unit.path('var/networking').read_text()}", end="")
-    unit.facts["dns"] = "192.168.1.3"  # read from the file that has just changed
-    after = unit.path(names[0]).read_text()
-    check(after == INTERFACES.replace("192.168.1.21\n", "192.168.1.121\n"), "only the address changed")
-    send(ip="192.168.1.200", note="static")
-    check(unit.path(names[0]).read_text() == after, "the second setup left the file alone")
+    step(f"{stranger.name}, of a foreign subnet, gets an address of this LAN", "the same as above.")
+    status, said = tool(desk, "set", stranger.name, "--address", "192.168.1.23/24", "--gateway", "192.168.1.1")
+    check(status == 0 and "answers from 192.168.1.23/24" in said, "it fits now")
+
+    step("A second setup", "a unit takes one in its daemon's life: the tool waits for it in vain, and says so.")
+    check(tool(desk, "set", unit.name, "--address", "192.168.1.200/24", "--wait", "4")[0] == 6, "not taken")
 
 
 def kirvex(desk, unit):
-    def ask(operation, body=b"", target=unit):
-        return [reply for _, reply in desk.ask_kirvex(lan.kirvex_request(operation, target, body))]
+    mac, right = unit.macs[0], ("--password-file", "/etc/right")
+    desk.write({"etc/right": "1234\n", "etc/wrong": "4321\n", "etc/new": "98765\n"})
+    step("It asks the KIRVEX unit whether two passwords are right",
+         "the unit logs in at its own web server (real lighttpd, Digest) to tell.")
+    check([tool(desk, "check-password", mac, "--password-file", f"/etc/{name}")[0] for name in ("wrong", "right")] == [7, 0],
+          "refused with the one, right with the other")
 
-    def words(reply):
-        return [int.from_bytes(reply[i:i + 4], "little") for i in range(22, len(reply), 4)]
-
-    def quad(data, offset):
-        return ".".join(map(str, data[offset:offset + 4]))
-
-    step("A KIRVEX tool on the same notebook searches its LAN",
-         "one reply of 334 bytes, from the board of brand 16 alone.")
-    replies = ask(lan.SEARCH, target=None)
-    for data in replies:
-        texts = [data[a:a + 32].split(b"\0")[0].decode() for a in (22, 86, 182)]
-        table([("brand", texts[0]), ("product", texts[1]), ("version", texts[2]),
-               ("MAC", data[220:226].hex(":")), ("address", f"{quad(data, 290)}, netmask {quad(data, 298)}, "
-               f"gateway {quad(data, 302)}, name server {quad(data, 306)}"),
-               ("web port", str(int.from_bytes(data[294:296], "little"))), ("time", data[315:329].decode())])
-    check(len(replies) == 1 and len(replies[0]) == 334, "one reply of 334 bytes")
-
-    step("It verifies two accounts", "privilege 1 for the administrator, 2 for anybody else (only names count).")
-    for account, privilege in (("admin", 1), ("guest", 2)):
-        (reply,) = ask(lan.VERIFY, lan.kirvex_credentials(account, "any"))
-        check(words(reply) == [privilege], f"{account} has privilege {words(reply)[0]}")
-
-    step("It gives the unit a static address",
-         "the account checked at the unit's own web server (real lighttpd, Digest), the stanza rewritten, the reply",
-         "sent with status 2 and 3 s to wait, and only then the network restarted.")
+    step("It gives the KIRVEX unit a fixed address", "the stanza rewritten, the network restarted, the unit seen there.")
     before = unit.path("mtd1/interfaces").read_text()
-    settings = lan.kirvex_settings("QVR-7140-16T", "192.168.1.131", "255.255.255.0", "192.168.1.1", "192.168.1.3", False)
-    (reply,) = ask(lan.SETUP, lan.kirvex_credentials("admin", "1234") + settings)
-    called = unit.path("var/networking")
-    lan.wait_until(lambda: called.exists() and called.read_text())
+    status, said = tool(desk, "set", mac, "--address", "192.168.1.131/24", "--gateway", "192.168.1.1", "--dns",
+                        "192.168.1.3", *right)
+    check(status == 0 and "answers from 192.168.1.131/24" in said, "the unit itself says so")
     after = show_diff(unit, "mtd1/interfaces", before)
-    print(f"   {unit.name}: /etc/init.d/networking was called with: {called.read_text()}", end="")
-    check(reply[16] == 0 and words(reply) == [0, 2, 3, 0], "return code 0, status 2, wait 3")
-    check("192.168.1.131" in after and after.endswith(before[before.index("auto eth1"):]), "only eth0's stanza changed")
+    check(after.endswith(before[before.index("auto eth1"):]), "only eth0's stanza changed")
 
-    step("It changes the administrator's password, first to letters, then to digits",
-         "error 1013 for the letters, before any login; then success, and the change in the web server's log.")
-    for password, expected in (("letters", [1013, 0, 0, 0]), ("98765", [0, 0, 0, 0])):
-        (reply,) = ask(lan.CHANGE, lan.kirvex_credentials("admin", "1234", "admin", password))
-        check(words(reply) == expected, f"{password}: return code {reply[16]}, error {words(reply)[0]}")
+    step("It changes the administrator's password", "the change in the web server's log, and a login with the new one.")
+    check(tool(desk, "password", mac, *right, "--new-password-file", "/etc/new")[0] == 0, "the new one works")
     log = unit.web_log()
-    show(log)
+    show("\n".join(line for line in log.splitlines() if "config.set" in line))
     check("200 GET /auth/config.set?ACCOUNTSETUP_PASSWORD1[0]=98765&THREAD_ID=4711" in log, "the web server took it")
 
 
@@ -197,17 +182,20 @@ def main():
         for name, address, what, options in UNITS:
             print(f"   {name:<9} {address:<16} {what}", flush=True)
             units.append(net.host(name, address, **{"program": NATIVE, "note": what[:40].replace(",", ""), **options}))
-        units[0].write({"etc/network/interfaces": INTERFACES, "etc/TQ.conf": "NETSETUP=YES\n"})
+        for unit in units[0], units[2]:
+            unit.write({"etc/network/interfaces": INTERFACES.replace("192.168.1.21", unit.record()[3]),
+                        "etc/TQ.conf": "NETSETUP=YES\n"})
         name, address, what, options = BRAND16
         print(f"   {name:<9} {address:<16} {what}", flush=True)
         recorder = net.host(name, address, **options)
         recorder.write({"mtd1/interfaces": INTERFACES.replace(".21", ".31")})
         recorder.serve_account_pages("digest")
         for unit in [*units, recorder]:
+            unit.apply_settings()
             unit.start_tq()
         discovery(desk, units)
-        list_request(desk, units)
-        network_setup(desk, units[0])
+        tool_lists(desk, [*units, recorder])
+        network_setup(desk, units[0], units[2])
         kirvex(desk, recorder)
     if broken:
         print(f"\n{RED}Not everything was as announced:{PLAIN} " + "; ".join(broken))

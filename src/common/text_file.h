@@ -31,5 +31,5 @@ class TextFile {
     int left_ = 1000000;
     size_t next_ = 0;
     size_t end_ = 0;
-    char block_[4096];
+    char block_[1024];
 };

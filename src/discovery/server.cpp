@@ -74,7 +74,8 @@ class NativeServer {
     // that gets so far can match (of a unit with such files). A second one needs a restart, and
     // tools count on that.
     UnitInfo own_{};
-    char message_[kMessageSize];
+    // Static, so that no more of it is memory than a message has filled.
+    static inline char message_[kMessageSize];
 };
 
 }  // namespace

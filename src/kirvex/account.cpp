@@ -18,7 +18,7 @@ using ChangeCredentials = kx::DecodedCredentials<kAreas>;
 
 int KIRVEX_Reply_UserVerification(const char *device, int sock, const sockaddr_in &sender,
                                   kx::Request request) {
-    kx::Reply reply = kx::StartReply(device, request, kx::kVerificationReplySize);
+    kx::Reply reply = kx::StartReply(device, sock, request, kx::kVerificationReplySize);
     const kx::DecodedCredentials<2> credentials(request);
     reply.Set(kx::kUserPrivilege,
               kx::IsAdministrator(credentials[0]) ? kx::kAdministrator : kx::kOrdinaryUser);
@@ -85,7 +85,7 @@ static void SubmitChange(const char *port, const kx::Account &current, const kx:
 
 int KIRVEX_Reply_ChangeIDPwd(const char *device, int sock, const sockaddr_in &sender,
                              kx::Request request) {
-    kx::Reply reply = kx::StartReply(device, request, kx::kStatusReplySize);
+    kx::Reply reply = kx::StartReply(device, sock, request, kx::kStatusReplySize);
     const ChangeCredentials texts(request);
     const kx::WebPort port = kx::ReadWebPort();
     const kx::Account current = texts.At(kCurrentAccount);

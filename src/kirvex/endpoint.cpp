@@ -57,14 +57,15 @@ int SendPacket(int sock, const sockaddr_in &peer, std::span<const uint8_t> packe
     return 0;
 }
 
-Reply StartReply(const char *device, Request request, size_t size) {
+Reply StartReply(const char *device, int sock, Request request, size_t size) {
     Reply reply{};
     reply.size = size;
     WriteHeader(std::span(reply.packet).first(size), kReplyIdentifier,
                 static_cast<uint16_t>(ReadInteger(request, kOperation)), kSuccess);
     reply.Set(kSequenceNumber, ReadInteger(request, kSequenceNumber));
-    COM_GetNetInfo(NETINFO_MAC_RAW, device, reply.packet + kMac.offset);
-    COM_GetNetInfo(NETINFO_IP_RAW, device, reply.packet + kAddress.offset);
+    unit::FactSource facts(sock);
+    facts.Get(NETINFO_MAC_RAW, device, reply.packet + kMac.offset);
+    facts.Get(NETINFO_IP_RAW, device, reply.packet + kAddress.offset);
     return reply;
 }
 

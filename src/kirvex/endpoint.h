@@ -40,7 +40,8 @@ struct Reply {
 };
 
 // A reply of `size` bytes to `request`, zeroed behind its header, with return code 0 and the MAC
-// and address of the interface as they are now.
-Reply StartReply(const char *device, Request request, size_t size);
+// and address of the interface as they are now. Interface requests go through `sock`, so that a
+// unit without a descriptor to spare still knows who it is.
+Reply StartReply(const char *device, int sock, Request request, size_t size);
 
 }  // namespace kx

@@ -42,10 +42,11 @@ static void SetNow(kx::Reply &reply) {
 
 int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &sender,
                            kx::Request request) {
-    kx::Reply reply = kx::StartReply(device, request, kx::kSearchReplySize);
+    kx::Reply reply = kx::StartReply(device, sock, request, kx::kSearchReplySize);
     const auto setting = [](kx::SettingsField field) { return field.In(kx::kReplySettings); };
+    unit::FactSource facts(sock);
     const auto setFact = [&](kx::Field field, NetInfoSelector fact) {
-        COM_GetNetInfo(fact, device, reply.packet + field.offset);
+        facts.Get(fact, device, reply.packet + field.offset);
     };
     reply.Set(kx::kBrandName, kx::kOwnBrand);
     reply.Set(kx::kProductName, kx::kOwnModel);
@@ -58,8 +59,10 @@ int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &send
     reply.Set(setting(kx::kWebPort), kx::ReadWebPort().number());
     setFact(setting(kx::kNetmask), NETINFO_NETMASK_RAW);
     setFact(setting(kx::kGateway), NETINFO_GATEWAY_RAW);
-    setFact(setting(kx::kPrimaryDns), NETINFO_DNS1_RAW);
-    setFact(setting(kx::kSecondaryDns), NETINFO_DNS2_RAW);
+    const auto address = [&](kx::SettingsField field) {
+        return std::span<uint8_t, 4>(reply.packet + setting(field).offset, 4);
+    };
+    unit::GetNameServers(address(kx::kPrimaryDns), address(kx::kSecondaryDns));
     // The status goes out as it is: 1, or, for a fixed address, the byte 0xFF that -1 leaves here.
     reply.Set(setting(kx::kDhcp), static_cast<uint32_t>(KIRVEX_GetDHCPStatus(device)));
     SetNow(reply);
@@ -68,5 +71,6 @@ int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &send
 
 int KIRVEX_Reply_QuerySupportedOptFns(const char *device, int sock, const sockaddr_in &sender,
                                       kx::Request request) {
-    return kx::StartReply(device, request, kx::kHeaderSize).Send(sock, sender, {kSource, __func__});
+    return kx::StartReply(device, sock, request, kx::kHeaderSize)
+        .Send(sock, sender, {kSource, __func__});
 }

@@ -28,6 +28,9 @@ int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockad
         return -1;
     }
     KeepPortToOneself(*sock);
+    // An answer never goes to a whole subnet, whatever address a request gives for its own.
+    const int off = 0;
+    setsockopt(*sock, SOL_SOCKET, SO_BROADCAST, &off, sizeof off);
     kx::WidenSendBuffer(*sock);
     return 0;
 }
@@ -59,8 +62,9 @@ static bool IsSearchMode(uint8_t byte) {
 int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx::Request packet) {
     const uint32_t operation = kx::ReadInteger(packet, kx::kOperation);
     uint8_t own[kx::kHeaderSize] = {};
-    COM_GetNetInfo(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
-    COM_GetNetInfo(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
+    unit::FactSource facts(sock);
+    facts.Get(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
+    facts.Get(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
     const ReplyFunction reply = FindOperation(operation);
     if (kx::ReadInteger(packet, kx::kIdentifier) != kx::kRequestIdentifier || !reply) {
         return -1;
@@ -73,6 +77,10 @@ int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx
                    kx::kMac.size + kx::kAddress.size) != 0) {
             TQ_LOG("local mac/ip[%s/%s]\n", kx::ReadMac(own, kx::kMac).text,
                    kx::ReadAddress(own, kx::kAddress).text);
+            return -1;
+        }
+        // Nobody asks from such an address, and what comes of it would be told to nobody.
+        if (kx::IsBroadcast(device, sender)) {
             return -1;
         }
         modeFits = kx::ReadInteger(packet, kx::kMode) == kx::kSetMode;
@@ -94,8 +102,8 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
     }
     TQ_LOG("Create KIRVEX UDP Socket (fd = %d)\n", sock.get());
     COM_SavePid(pidFile ? pidFile : config::kDefaultPidFile);
-    // Never cleared again: what a short request does not carry is read from the one before it.
-    uint8_t packet[kx::kReceiveSize] = {};
+    // Never cleared: what a short request does not carry is read from the one before it.
+    static uint8_t packet[kx::kReceiveSize];
     sockaddr_in sender{};
     socklen_t senderSize = sizeof sender;
     while (true) {
@@ -107,9 +115,6 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
             TQ_LOG("recvfrom() failed! : %s\n", strerror(errno));
             continue;
         }
-        // Nobody asks from such an address, and the answer would go to everybody.
-        if (!kx::IsBroadcast(name, sender)) {
-            KIRVEX_ParserPkt(name, sock.get(), sender, packet);
-        }
+        KIRVEX_ParserPkt(name, sock.get(), sender, packet);
     }
 }

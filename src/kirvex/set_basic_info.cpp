@@ -97,7 +97,7 @@ static bool Apply(const char *device, const kx::Account &account, kx::SettingsBl
 int KIRVEX_Reply_SetBasicInfo(const char *device, int sock, const sockaddr_in &sender,
                               kx::Request request) {
     const MessageOrigin origin{kSource, __func__};
-    kx::Reply reply = kx::StartReply(device, request, kx::kStatusReplySize);
+    kx::Reply reply = kx::StartReply(device, sock, request, kx::kStatusReplySize);
     const kx::DecodedCredentials<2> credentials(request);
     const kx::Account account = credentials.At(0);
     const kx::SettingsBlock settings = kx::SettingsOf(request);

@@ -290,27 +290,36 @@ int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
     return -1;
 }
 
-// Finds the text of the first or second name server. A line that holds "nameserver" anywhere
-// counts, also one that is commented out; when the wanted one names nobody there is none.
-static bool FindNameServer(TextFile &file, int ordinal, char *server, size_t size) {
+static constexpr char kResolver[] = "/etc/resolv.conf";
+
+// As wide as the longest line of the resolver file that is read at once.
+using ServerText = char[160];
+
+// Reads the next name server's text, empty where the line names nobody. A line that holds
+// "nameserver" anywhere counts, also one that is commented out. Returns false when there is none.
+static bool ReadNameServer(TextFile &file, ServerText &server) {
     static constexpr char kKey[] = "nameserver";
-    char line[160];
+    ServerText line;
     while (file.ReadLine(line)) {
         char *found = strstr(line, kKey);
-        if (!found || --ordinal > 0) {
-            continue;
+        if (found) {
+            const auto tokens = SplitLine<1>(found + strlen(kKey), " \t\r\n");
+            CopyText(server, tokens[0] ? tokens[0] : "");
+            return true;
         }
-        const auto tokens = SplitLine<1>(found + strlen(kKey), " \t\r\n");
-        if (tokens[0]) {
-            CopyText(server, size, tokens[0]);
-        }
-        return tokens[0] != nullptr;
     }
     return false;
 }
 
+// A file that isn't there names nobody.
+static void ReportResolver() {
+    if (errno != ENOENT) {
+        TQ_LOG_FOR((MessageOrigin{kSource, "COM_SubGetDNS"}), "fopen(%s) : %s\n", kResolver,
+                   strerror(errno));
+    }
+}
+
 int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
-    static constexpr char kResolver[] = "/etc/resolv.conf";
     const bool second = selector == NETINFO_DNS2_STR || selector == NETINFO_DNS2_PADDED ||
                         selector == NETINFO_DNS2_RAW;
     const AddressForm form = selector >= NETINFO_DNS1_RAW ? AddressForm::kRaw
@@ -320,14 +329,12 @@ int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
     WriteNoAddress(form, output);
     TextFile file(kResolver);
     if (!file) {
-        if (errno != ENOENT) {
-            TQ_LOG("fopen(%s) : %s\n", kResolver, strerror(errno));
-        }
+        ReportResolver();
         return -1;
     }
-    // As wide as the longest line: only the text form is cut to its field.
-    char server[160];
-    if (!FindNameServer(file, second ? 2 : 1, server, sizeof server)) {
+    ServerText server;
+    if (!ReadNameServer(file, server) || (second && !ReadNameServer(file, server)) ||
+        server[0] == '\0') {
         return -1;
     }
     if (form == AddressForm::kText) {
@@ -338,6 +345,21 @@ int COM_SubGetDNS(int selector, const char * /*device*/, void *output) {
     inet_aton(server, &address);
     WriteAddress(address, form, output);
     return 0;
+}
+
+void unit::GetNameServers(std::span<uint8_t, 4> first, std::span<uint8_t, 4> second) {
+    const std::array outputs = {first.data(), second.data()};
+    TextFile file(kResolver);
+    ServerText server;
+    for (uint8_t *output : outputs) {
+        in_addr address{};
+        if (!file) {
+            ReportResolver();
+        } else if (ReadNameServer(file, server)) {
+            inet_aton(server, &address);
+        }
+        WriteAddress(address, AddressForm::kRaw, output);
+    }
 }
 
 static int GetMtu(unit::FactSource &facts, const char *device, void *output) {

@@ -3,6 +3,9 @@
 
 #include <net/if.h>
 
+#include <cstdint>
+#include <span>
+
 #include "common/owners.h"
 
 // Which fact COM_GetNetInfo returns, and in which form. Texts are terminated; the output must hold
@@ -96,5 +99,8 @@ class FactSource {
     int lent_;
     UniqueFd own_;
 };
+
+// NETINFO_DNS1_RAW and NETINFO_DNS2_RAW in one reading, with the messages of both.
+void GetNameServers(std::span<uint8_t, 4> first, std::span<uint8_t, 4> second);
 
 }  // namespace unit

@@ -56,7 +56,7 @@ TEST(KirvexServer, ChecksRequestsInThisOrder) {
         {Header(0xA1).replace(5, 1, "\1"), 0},
         {Header(0xA0), 0},
         {Header(0xA6), 0},
-        {Header(0xA5, zero + zero), 0, "reqmode[0x0000] - receive error packet\n"},
+        {Header(0xA5, "w" + zero), 0, "reqmode[0x0077] - receive error packet\n"},
         {Header(0xA2, zero + "w"), 0, "reqmode[0x7700] - receive error packet\n"},
         {Header(0xA2).replace(11, 1, "\2"), 0, mismatch},
         {Header(0xA4, "xx").replace(15, 1, "\2"), 0, mismatch},

@@ -102,12 +102,21 @@ void SendDatagram(const UniqueFd &sock, uint16_t port, const std::string &bytes)
     }
 }
 
-UniqueFd ConnectAndSend(uint16_t port, const std::string &bytes) {
+UniqueFd Connect(uint16_t port) {
     UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in server = InternetAddress(htonl(INADDR_LOOPBACK), port);
     Require(connect(sock.get(), AsSockaddr(server), sizeof server) == 0);
+    return sock;
+}
+
+void SendAndEnd(const UniqueFd &sock, const std::string &bytes) {
     send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     shutdown(sock.get(), SHUT_WR);
+}
+
+UniqueFd ConnectAndSend(uint16_t port, const std::string &bytes) {
+    UniqueFd sock = Connect(port);
+    SendAndEnd(sock, bytes);
     return sock;
 }
 

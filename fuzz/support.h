@@ -48,6 +48,8 @@ void RunServer(Server serve) {
 // Sockets at 127.0.0.1.
 UniqueFd UdpSocket();
 void SendDatagram(const UniqueFd &sock, uint16_t port, const std::string &bytes);
+UniqueFd Connect(uint16_t port);
+void SendAndEnd(const UniqueFd &sock, const std::string &bytes);
 UniqueFd ConnectAndSend(uint16_t port, const std::string &bytes);
 
 // What has come in, until nothing more is there.

@@ -28,10 +28,13 @@ void WaitingConnections::Add(UniqueFd connection) {
     *place = {std::move(connection), MonotonicMicroseconds() + kLongestWait};
 }
 
-void WaitingConnections::Watch(PollSet set) const {
+size_t WaitingConnections::Watch(PollSet set) const {
+    size_t used = 0;
     for (size_t i = 0; i < kMost; ++i) {
         set[i] = {places_[i].connection.get(), POLLIN, 0};
+        used = places_[i].connection ? i + 1 : used;
     }
+    return used;
 }
 
 UniqueFd WaitingConnections::TakeReady(PollSet set) {

@@ -22,10 +22,12 @@ class WaitingConnections {
     // Takes one in; without a place left, the one that has waited longest goes.
     void Add(UniqueFd connection);
 
-    // Enters all into a set for poll(), and reads the outcome: hands out the one that has waited
-    // longest of those that are ready (empty when none is), drops those whose time is over and that
-    // are not.
-    void Watch(PollSet set) const;
+    // Enters all into a set for poll() and returns how much of it that has to look at: poll()
+    // refuses a set with more places than the process may have descriptors.
+    [[nodiscard]] size_t Watch(PollSet set) const;
+
+    // Read the outcome: hand out the one that has waited longest of those that are ready (empty
+    // when none is), drop those whose time is over and that are not.
     [[nodiscard]] UniqueFd TakeReady(PollSet set);
     void DropOverdue(PollSet set);
 

@@ -123,8 +123,7 @@ void NativeServer::ServeNext() {
     const WaitingConnections::PollSet waiting(&sockets[2], WaitingConnections::kMost);
     sockets[0] = {listener_.get(), POLLIN, 0};
     sockets[1] = {udp_.get(), POLLIN, 0};
-    waiting_.Watch(waiting);
-    const int ready = poll(sockets.data(), sockets.size(), Patience());
+    const int ready = poll(sockets.data(), 2 + waiting_.Watch(waiting), Patience());
     if (ready == 0) {
         packetSocket_.reset();
     }

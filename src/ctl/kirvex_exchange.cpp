@@ -97,10 +97,15 @@ static bool WaitForReply(const Exchange &exchange, Milliseconds wait, Verdict *v
 
 // A unit keeps what it has received, and completes the next short datagram with it: a stranger's
 // bare header would act with these credentials. A search as long as any request covers them.
-static void CoverCredentials(const Exchange &exchange) {
+static bool CoverCredentials(const Exchange &exchange) {
     uint8_t search[kx::kChangeRequestSize];
     kx::WriteSearch(search);
-    Send(exchange, search);
+    return Send(exchange, search);
+}
+
+// The cover waits in the unit's queue until the request has been carried out.
+static bool SendCovered(const Exchange &exchange) {
+    return Send(exchange, exchange.request) && CoverCredentials(exchange);
 }
 
 static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request, int tries,
@@ -109,7 +114,7 @@ static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request,
     Verdict verdict{};
     kx::WriteInteger(request, kx::kSequenceNumber, static_cast<uint32_t>(Now()) & 0xFFFF);
     const Milliseconds end = Now() + wait;
-    while (exchange.sock && tries-- > 0 && Now() < end && Send(exchange, request)) {
+    while (exchange.sock && tries-- > 0 && Now() < end && SendCovered(exchange)) {
         const Milliseconds left = end - Now();
         const bool answered = WaitForReply(
             exchange, tries > 0 && left > kRepeatAfter ? kRepeatAfter : left, &verdict);
@@ -117,9 +122,7 @@ static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request,
             break;
         }
     }
-    // Twice, because a lost one would leave the credentials where they are.
-    CoverCredentials(exchange);
-    CoverCredentials(exchange);
+    CoverCredentials(exchange);  // the first may have been lost
     explicit_bzero(request.data(), request.size());
     return verdict;
 }

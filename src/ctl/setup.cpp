@@ -107,21 +107,22 @@ static bool IsTaken(Session &session, Address address) {
     UnitList &units = session.survey.units();
     for (int i = 0; i < units.count(); ++i) {
         if (units[i].ip == address && !units[i].IsSameAs(session.unit)) {
-            Fail(kUsage, "refused: unit %s has %s", units[i].info.mac, ToText(address).text);
+            Fail(kUsage, "refused: unit %s has %s already", units[i].info.mac,
+                 ToText(address).text);
             return true;
         }
     }
     for (int i = 0; i < session.links.count; ++i) {
         if (session.links.link[i].Owns(address)) {
-            Fail(kUsage, "refused: this machine has %s", ToText(address).text);
+            Fail(kUsage, "refused: this machine has %s already", ToText(address).text);
             return true;
         }
     }
     uint8_t mac[ETH_ALEN];
     const Holder holder = FindHolder(session.link(), address, mac);
     if (holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0) {
-        Fail(kUsage, "refused: %02X:%02X:%02X:%02X:%02X:%02X has %s", mac[0], mac[1], mac[2],
-             mac[3], mac[4], mac[5], ToText(address).text);
+        Fail(kUsage, "refused: %02X:%02X:%02X:%02X:%02X:%02X has %s already", mac[0], mac[1],
+             mac[2], mac[3], mac[4], mac[5], ToText(address).text);
         return true;
     }
     if (holder == Holder::kUnknown) {

@@ -60,6 +60,12 @@ static Status SelectKirvexUnit(Session &session) {
         return Fail(kUsage, "%s speaks the native protocol, which knows no passwords",
                     session.options.unit);
     }
+    if (status == kDone) {
+        fputs(
+            "the unit will log in to its web server; that may end another administrator's "
+            "session\n",
+            stderr);
+    }
     return status;
 }
 
@@ -83,7 +89,6 @@ Status CheckPassword(Session &session) {
     if (status != kDone) {
         return status;
     }
-    fprintf(stderr, "the unit logs in to check; that may end another administrator's session\n");
     status = TryPassword(session, password.text);
     if (status == kRefused) {
         return FailLogin();
@@ -131,9 +136,6 @@ Status ChangePassword(Session &session) {
     if (status != kDone) {
         return status;
     }
-    fprintf(stderr,
-            "the unit logs in to change it; that may end another administrator's "
-            "session\n");
     const Verdict verdict =
         RequestPassword(session.way(), session.unit, {session.options.account, password.text},
                         changed.text, session.options.wait);

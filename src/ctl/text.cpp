@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/utf8.h"
+
 namespace ctl {
 
 namespace {
@@ -11,8 +13,6 @@ struct Range {
     uint32_t first;
     uint32_t last;
 };
-
-constexpr uint32_t kReplacement = 0xFFFD;
 
 }  // namespace
 
@@ -36,38 +36,12 @@ static bool IsIn(const Range (&ranges)[kCount], uint32_t code) {
     return false;
 }
 
-// Reads the code point that `text` begins with and its length in bytes; a byte that begins none is
-// taken alone and gives kReplacement (which itself is three bytes long).
-static uint32_t ReadCodePoint(const char *text, size_t *length) {
-    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
-    *length = 1;
-    if (bytes[0] < 0x80) {
-        return bytes[0];
-    }
-    const size_t size = bytes[0] >= 0xF0 ? 4 : bytes[0] >= 0xE0 ? 3 : 2;
-    static constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
-    uint32_t code = bytes[0] & (0xFFU >> (size + 1));
-    for (size_t i = 1; i < size; ++i) {
-        if ((bytes[i] & 0xC0) != 0x80) {  // the terminator included
-            return kReplacement;
-        }
-        code = code << 6 | (bytes[i] & 0x3F);
-    }
-    const bool valid = bytes[0] >= 0xC2 && bytes[0] <= 0xF4 && code >= kLeast[size] &&
-                       code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-    if (!valid) {
-        return kReplacement;
-    }
-    *length = size;
-    return code;
-}
-
 void MakeHarmless(const char *text, char (&out)[kCellSize]) {
     size_t used = 0;
     size_t length;
     for (; *text != '\0' && used + 4 * 4 < kCellSize; text += length) {
         const uint32_t code = ReadCodePoint(text, &length);
-        if (!IsIn(kSteering, code) && (code != kReplacement || length > 1)) {
+        if (!IsIn(kSteering, code) && (code != kNoCodePoint || length > 1)) {
             memcpy(out + used, text, length);
             used += length;
             continue;
@@ -118,7 +92,7 @@ void PrintJsonString(FILE *out, const char *text) {
         const uint32_t code = ReadCodePoint(text, &length);
         if (code == '"' || code == '\\') {
             fprintf(out, "\\%c", static_cast<char>(code));
-        } else if (IsIn(kSteering, code) || code == kReplacement) {
+        } else if (IsIn(kSteering, code) || code == kNoCodePoint) {
             fprintf(out, "\\u%04x", static_cast<unsigned>(code));
         } else {
             fwrite(text, 1, length, out);

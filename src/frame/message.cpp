@@ -2,12 +2,23 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 #include "common/owners.h"
 #include "common/utf8.h"
+
+namespace {
+
+// Whoever reports an error may still need it afterwards.
+struct ErrnoKept {
+    const int value = errno;
+    ~ErrnoKept() { errno = value; }
+};
+
+}  // namespace
 
 static unsigned messages;
 
@@ -16,6 +27,7 @@ unsigned COM_CountMessages() {
 }
 
 int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
+    const ErrnoKept kept;
     ++messages;
     size_t size = 256;
     HeapBlock<char> text(static_cast<char *>(malloc(size)));

@@ -4,7 +4,7 @@
 
 // Prints "file,line:function(): text", or "file,line: text" when `function` is null. `format` and
 // what follows are as for printf; the text brings its own line break. Returns the number of
-// characters written, or -1 when there was no memory for the text at all.
+// characters written, or -1 when there was no memory for the text at all. errno stays as it was.
 int COM_Message(const char *file, int line, const char *function, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 

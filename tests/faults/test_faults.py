@@ -168,8 +168,8 @@ NO_INTERFACES = "/interfaces) failed" + FULL
     (3, change, [(0, "open(/etc/Model) error" + FULL, OLD), (0, "open(/etc/Port) error" + FULL, OLD),
                  (0, "mkstemp() failed" + FULL, HALF), (0, "fopen(/etc/resolv.conf) failed" + FULL, HALF),
                  (0, "Execute", ("new", "new"))]),
-    (16, lambda _: kirvex_request(SEARCH), [(1, "COM_GetMAC(): socket() error" + FULL, OLD), (1, "", OLD)]),
-    (16, change, [(0, "local mac/ip[00:00:00:00:00:00/0.0.0.0]", OLD), (1, NO_INTERFACES, OLD),
+    (16, lambda _: kirvex_request(SEARCH), [(1, "open(/etc/Port) error" + FULL, OLD), (1, "", OLD)]),
+    (16, change, [(1, "COM_SubSendHttpCmd(): socket() error" + FULL, OLD), (1, NO_INTERFACES, OLD),
                   (1, "mkstemp() failed" + FULL, HALF), (1, "fopen(/etc/resolv.conf) failed" + FULL, HALF),
                   (1, "", ("new", "new"))])])
 def test_descriptors_run_out(net, brand, request_of, rows):

@@ -13,6 +13,9 @@ TEST(Message, HasTwoFormsAndAnyLength) {
                   "T,1: " + text);
         EXPECT_EQ(written, static_cast<int>(5 + length));
     }
+    errno = EDOM;
+    COM_Message("T", 1, nullptr, "x\n");
+    EXPECT_EQ(errno, EDOM);
 }
 
 TEST(Brand, IsTheNumberOfTheLastLineThatNamesIt) {

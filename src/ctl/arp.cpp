@@ -124,8 +124,8 @@ static bool ReadTable(const Link &link, Address address, uint8_t (&mac)[ETH_ALEN
 
 // Has the kernel ask, by way of an empty datagram to a port where nothing listens.
 static Holder AskKernel(const Link &link, Address address, uint8_t (&mac)[ETH_ALEN]) {
-    const UniqueFd sock = OpenUdp(0);
-    if (!sock || !SendUdp(sock.get(), {link.index, 0, address, kDiscardPort}, "", 0)) {
+    const UniqueFd sock = OpenUdp(link, 0, 0);
+    if (!sock || !SendUdp(sock.get(), address, kDiscardPort, "", 0)) {
         return Holder::kUnknown;
     }
     for (int i = 0; i < kProbes; ++i) {

@@ -57,7 +57,7 @@ struct Exchange {
 
 static bool IsReplyTo(const Exchange &exchange, const Datagram &reply) {
     const std::span<const uint8_t> packet(reply.data, reply.size);
-    return reply.interface == exchange.way.link.index && reply.size >= kx::kStatusReplySize &&
+    return reply.size >= kx::kStatusReplySize &&
            kx::ReadInteger(packet, kx::kIdentifier) == kx::kReplyIdentifier &&
            kx::ReadInteger(packet, kx::kOperation) ==
                kx::ReadInteger(exchange.request, kx::kOperation) &&
@@ -67,8 +67,8 @@ static bool IsReplyTo(const Exchange &exchange, const Datagram &reply) {
 }
 
 static bool Send(const Exchange &exchange, std::span<const uint8_t> packet) {
-    const Destination to{exchange.way.link.index, exchange.way.source, exchange.unit.ip, kx::kPort};
-    const bool sent = SendUdp(exchange.sock.get(), to, packet.data(), packet.size());
+    const bool sent =
+        SendUdp(exchange.sock.get(), exchange.unit.ip, kx::kPort, packet.data(), packet.size());
     if (exchange.way.verbose || !sent) {
         fprintf(stderr, "tqctl: operation 0x%02X to %s: %s\n",
                 kx::ReadInteger(packet, kx::kOperation), ToText(exchange.unit.ip).text,
@@ -110,7 +110,7 @@ static bool SendCovered(const Exchange &exchange) {
 
 static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request, int tries,
                    Milliseconds wait) {
-    const Exchange exchange{way, unit, request, OpenUdp(0)};
+    const Exchange exchange{way, unit, request, OpenUdp(way.link, way.source, 0)};
     Verdict verdict{};
     kx::WriteInteger(request, kx::kSequenceNumber, static_cast<uint32_t>(Now()) & 0xFFFF);
     const Milliseconds end = Now() + wait;

@@ -191,8 +191,8 @@ static bool SendSetup(Session &session, const UnitInfo &setup) {
         return SendToStation(survey.packetSocket(), session.link().index, session.unit.mac,
                              TQ_SERVER_PORT, package, size) == 0;
     }
-    return SendUdp(survey.nativeSocket(),
-                   {session.link().index, 0, session.unit.ip, TQ_SERVER_PORT}, package, size);
+    return SendUdp(survey.nativeSocket(session.unit.link), session.unit.ip, TQ_SERVER_PORT, package,
+                   size);
 }
 
 static void Describe(const Session &session, const Wish &wish, const char *verb) {

@@ -31,16 +31,15 @@ static constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF
 static constexpr char kQueryModel[] = "tqctl";
 
 Status Survey::Open() {
-    native_ = OpenUdp(TQ_CLIENT_PORT);
-    if (!native_) {
-        return Fail(kNoRight,
-                    "can't listen on UDP port %d: %s. Another program holds it for itself; end it "
-                    "('ss -ulnp sport = :%d' names it)",
-                    TQ_CLIENT_PORT, strerror(errno), TQ_CLIENT_PORT);
-    }
-    kirvex_ = OpenUdp(0);
-    if (!kirvex_) {
-        return Fail(kNoRight, "can't open a socket: %s", strerror(errno));
+    for (int i = 0; i < links_.count; ++i) {
+        ends_[i].native = OpenUdp(links_.link[i], 0, TQ_CLIENT_PORT);
+        if (!ends_[i].native) {
+            return Fail(kNoRight,
+                        "can't listen on UDP port %d of %s: %s. If another program holds it for "
+                        "itself, end it ('ss -ulnp sport = :%d' names it)",
+                        TQ_CLIENT_PORT, links_.link[i].name, strerror(errno), TQ_CLIENT_PORT);
+        }
+        ends_[i].kirvex = OpenUdp(links_.link[i], 0, 0);
     }
     // Without the right both stay empty, and ordinary datagrams have to do.
     packet_.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -48,29 +47,28 @@ Status Survey::Open() {
     return kDone;
 }
 
-void Survey::Search(const Link &link, Address source) {
+static void Search(int sock) {
     uint8_t request[kx::kHeaderSize];
     kx::WriteSearch(request);
-    SendUdp(kirvex_.get(), {link.index, source, INADDR_BROADCAST, kx::kPort}, request,
-            sizeof request);
+    SendUdp(sock, INADDR_BROADCAST, kx::kPort, request, sizeof request);
 }
 
 // An ordinary broadcast is heard as well as one that is built here, but can't always be sent from
 // an interface without an address.
-bool Survey::QueryOn(const Link &link) {
+bool Survey::QueryOn(int link) {
     char query[discovery::kPackageSize];
     const size_t size = discovery::EncodeQuery(kQueryModel, query);
-    Search(link, 0);
-    return (packet_ && SendToStation(packet_.get(), link.index, kEveryStation, TQ_SERVER_PORT,
-                                     query, size) == 0) ||
-           SendUdp(native_.get(), {link.index, 0, INADDR_BROADCAST, TQ_SERVER_PORT}, query, size);
+    Search(ends_[link].kirvex.get());
+    return (packet_ && SendToStation(packet_.get(), links_.link[link].index, kEveryStation,
+                                     TQ_SERVER_PORT, query, size) == 0) ||
+           SendUdp(ends_[link].native.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
 }
 
 bool Survey::Query() {
     bool sent = false;
     int error = 0;
     for (int i = 0; i < links_.count; ++i) {
-        const bool done = QueryOn(links_.link[i]);
+        const bool done = QueryOn(i);
         error = done ? error : errno;
         sent |= done;
         if (verbose_) {
@@ -78,16 +76,16 @@ bool Survey::Query() {
                     done ? packet_ ? "sent through a packet socket" : "sent" : strerror(error));
         }
     }
-    if (source_ != 0) {
-        Search(links_.link[sourceLink_], source_);
+    if (neighbour_) {
+        Search(neighbour_.get());
     }
     errno = error;
     return sent;
 }
 
 void Survey::SearchFrom(int link, Address source) {
-    sourceLink_ = link;
-    source_ = source;
+    neighbourLink_ = link;
+    neighbour_ = OpenUdp(links_.link[link], source, 0);
 }
 
 void Survey::Take(const Unit &unit, void *context) {
@@ -101,31 +99,25 @@ void Survey::Take(const Unit &unit, void *context) {
     }
 }
 
-void Survey::TakeNative() {
+void Survey::TakeNative(int link) {
     Datagram reply;
-    if (!ReceiveUdp(native_.get(), &reply)) {
+    if (!ReceiveUdp(ends_[link].native.get(), &reply)) {
         return;
     }
-    link_ = links_.Find(reply.interface);
-    if (link_ == -1) {
-        return;
-    }
+    link_ = link;
     const int count =
         ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this);
     if (count == 0 && verbose_) {
-        fprintf(stderr, "tqctl: %zu bytes from %s are no answer\n", reply.size,
-                ToText(reply.source).text);
+        fprintf(stderr, "tqctl: %zu bytes on %s are no answer\n", reply.size,
+                links_.link[link].name);
     }
 }
 
-void Survey::TakeSearchReply() {
+void Survey::TakeSearchReply(int sock, int link) {
     Datagram reply;
     Unit unit;
-    if (!ReceiveUdp(kirvex_.get(), &reply) || !ReadSearchReply({reply.data, reply.size}, &unit)) {
-        return;
-    }
-    link_ = links_.Find(reply.interface);
-    if (link_ != -1) {
+    if (ReceiveUdp(sock, &reply) && ReadSearchReply({reply.data, reply.size}, &unit)) {
+        link_ = link;
         Take(unit, this);
     }
 }
@@ -156,20 +148,31 @@ void Survey::TakeArp() {
 }
 
 void Survey::Listen(Milliseconds time) {
+    // Two for each link, and two that are none's.
+    pollfd wanted[2 * kMostLinks + 2];
+    const int count = 2 * links_.count;
+    for (int i = 0; i < count; ++i) {
+        const End &end = ends_[i / 2];
+        wanted[i] = {(i % 2 == 0 ? end.native : end.kirvex).get(), POLLIN, 0};
+    }
+    wanted[count] = {neighbour_.get(), POLLIN, 0};
+    wanted[count + 1] = {arp_.get(), POLLIN, 0};
     const Milliseconds end = Now() + time;
     for (Milliseconds left = time; left > 0; left = end - Now()) {
-        pollfd wanted[] = {
-            {native_.get(), POLLIN, 0}, {kirvex_.get(), POLLIN, 0}, {arp_.get(), POLLIN, 0}};
-        if (poll(wanted, sizeof wanted / sizeof *wanted, static_cast<int>(left)) < 1) {
+        if (poll(wanted, static_cast<nfds_t>(count) + 2, static_cast<int>(left)) < 1) {
             continue;
         }
-        if (wanted[0].revents) {
-            TakeNative();
+        for (int i = 0; i < count; ++i) {
+            if (wanted[i].revents && i % 2 == 0) {
+                TakeNative(i / 2);
+            } else if (wanted[i].revents) {
+                TakeSearchReply(wanted[i].fd, i / 2);
+            }
         }
-        if (wanted[1].revents) {
-            TakeSearchReply();
+        if (wanted[count].revents) {
+            TakeSearchReply(neighbour_.get(), neighbourLink_);
         }
-        if (wanted[2].revents) {
+        if (wanted[count + 1].revents) {
             TakeArp();
         }
     }

@@ -37,13 +37,13 @@ class Survey {
     // Collects what comes, for so long.
     void Listen(Milliseconds time);
 
-    // Has searches on one link sent from that address as well; 0 for no longer.
+    // Has searches on one link sent from that address of this machine as well.
     void SearchFrom(int link, Address source);
 
     // Whether datagrams can be addressed to one station.
     bool HasPacketRight() const { return static_cast<bool>(packet_); }
     int packetSocket() const { return packet_.get(); }
-    int nativeSocket() const { return native_.get(); }
+    int nativeSocket(int link) const { return ends_[link].native.get(); }
 
     const Links &links() const { return links_; }
     UnitList &units() { return units_; }
@@ -53,24 +53,28 @@ class Survey {
     void SortOut();
 
   private:
-    bool QueryOn(const Link &link);
-    void Search(const Link &link, Address source);
-    void TakeNative();
-    void TakeSearchReply();
+    // What one link is heard and spoken to with.
+    struct End {
+        UniqueFd native;
+        UniqueFd kirvex;
+    };
+
+    bool QueryOn(int link);
+    void TakeNative(int link);
+    void TakeSearchReply(int sock, int link);
     void TakeArp();
     void ShowProgress() const;
     static void Take(const Unit &unit, void *context);
 
     const Links &links_;
     bool verbose_;
-    UniqueFd native_;
-    UniqueFd kirvex_;
+    End ends_[kMostLinks];
+    UniqueFd neighbour_;  // for KIRVEX from another address
+    int neighbourLink_ = 0;
     UniqueFd packet_;
     UniqueFd arp_;
     UnitList units_;
     int link_ = 0;  // over which what is being read came
-    int sourceLink_ = 0;
-    Address source_ = 0;
     Silent silent_[kMostSilent];
     int silentCount_ = 0;
 };

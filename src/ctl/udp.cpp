@@ -11,77 +11,39 @@ namespace ctl {
 // A crowd of units answers all at once.
 static constexpr int kQueueSize = 4 << 20;
 
-namespace {
-
-// The one control message that these sockets use.
-union PacketInfo {
-    cmsghdr header;
-    char bytes[CMSG_SPACE(sizeof(in_pktinfo))];
-};
-
-msghdr Message(sockaddr_in *peer, iovec *data, PacketInfo *info) {
-    msghdr message{};
-    message.msg_name = peer;
-    message.msg_namelen = sizeof *peer;
-    message.msg_iov = data;
-    message.msg_iovlen = 1;
-    message.msg_control = info;
-    message.msg_controllen = sizeof *info;
-    return message;
+static bool SetOption(int sock, int option, int value) {
+    return setsockopt(sock, SOL_SOCKET, option, &value, sizeof value) == 0;
 }
 
-}  // namespace
-
-UniqueFd OpenUdp(uint16_t port) {
+UniqueFd OpenUdp(const Link &link, Address source, uint16_t port) {
     UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    const sockaddr_in address = InternetAddress(INADDR_ANY, port);
-    if (!sock || setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1 ||
-        setsockopt(sock.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1 ||
-        setsockopt(sock.get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof on) == -1 ||
+    const sockaddr_in address = InternetAddress(htonl(source), port);
+    if (!sock ||
+        setsockopt(sock.get(), SOL_SOCKET, SO_BINDTODEVICE, link.name,
+                   static_cast<socklen_t>(strlen(link.name))) == -1 ||
+        !SetOption(sock.get(), SO_DONTROUTE, 1) || !SetOption(sock.get(), SO_BROADCAST, 1) ||
+        !SetOption(sock.get(), SO_REUSEADDR, 1) ||
         bind(sock.get(), AsSockaddr(address), sizeof address) == -1) {
         return UniqueFd();
     }
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kQueueSize, sizeof kQueueSize) == -1) {
-        setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &kQueueSize, sizeof kQueueSize);
+    if (!SetOption(sock.get(), SO_RCVBUFFORCE, kQueueSize)) {
+        SetOption(sock.get(), SO_RCVBUF, kQueueSize);
     }
     return sock;
 }
 
-bool SendUdp(int sock, const Destination &to, const void *data, size_t size) {
-    sockaddr_in peer = InternetAddress(htonl(to.address), to.port);
-    iovec bytes{const_cast<void *>(data), size};
-    PacketInfo control{};
-    msghdr message = Message(&peer, &bytes, &control);
-    control.header.cmsg_level = IPPROTO_IP;
-    control.header.cmsg_type = IP_PKTINFO;
-    control.header.cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-    in_pktinfo info{};
-    info.ipi_ifindex = to.interface;
-    info.ipi_spec_dst.s_addr = htonl(to.source);
-    memcpy(CMSG_DATA(&control.header), &info, sizeof info);
-    return sendmsg(sock, &message, MSG_NOSIGNAL | MSG_DONTROUTE) != -1;
+bool SendUdp(int sock, Address address, uint16_t port, const void *data, size_t size) {
+    const sockaddr_in peer = InternetAddress(htonl(address), port);
+    return sendto(sock, data, size, MSG_NOSIGNAL, AsSockaddr(peer), sizeof peer) != -1;
 }
 
 bool ReceiveUdp(int sock, Datagram *datagram) {
-    sockaddr_in peer{};
-    iovec bytes{datagram->data, sizeof datagram->data - 1};
-    PacketInfo control{};
-    msghdr message = Message(&peer, &bytes, &control);
-    const ssize_t length = recvmsg(sock, &message, 0);
+    const ssize_t length = recv(sock, datagram->data, sizeof datagram->data - 1, 0);
     if (length == -1) {
         return false;
     }
     datagram->size = static_cast<size_t>(length);
     datagram->data[length] = '\0';
-    datagram->source = ntohl(peer.sin_addr.s_addr);
-    datagram->interface = 0;
-    const cmsghdr *header = CMSG_FIRSTHDR(&message);
-    if (header && header->cmsg_level == IPPROTO_IP && header->cmsg_type == IP_PKTINFO) {
-        in_pktinfo info;
-        memcpy(&info, CMSG_DATA(header), sizeof info);
-        datagram->interface = info.ipi_ifindex;
-    }
     return true;
 }
 

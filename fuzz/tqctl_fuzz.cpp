@@ -1,0 +1,60 @@
+// What tqctl reads from strangers and prints: answers in both protocols, whole lists, and the
+// table, the columns and the JSON made of them, of which nothing may steer a terminal.
+#include <cstdlib>
+
+#include "common/owners.h"
+#include "ctl/print.h"
+#include "support.h"
+
+static void TakeUnit(const ctl::Unit &unit, void *context) {
+    static_cast<ctl::Survey *>(context)->units().Take(unit);
+}
+
+// Prints to memory, and requires that every line is one of text.
+template <class Print>
+static void CheckPrinted(Print print) {
+    char *text = nullptr;
+    size_t size = 0;
+    UniqueFile out(open_memstream(&text, &size));
+    print(out.get());
+    out.reset();
+    const HeapBlock<char> owner(text);
+    for (size_t i = 0; i < size; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        Require(byte == '\n' || byte == '\t' || (byte >= ' ' && byte != 0x7F));
+    }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const ctl::Links links{};
+    ctl::Survey survey(links, false);
+    Input input(data, size);
+    ctl::Unit unit;
+    if (input.ConsumeBool()) {
+        const std::string texts = input.ConsumeRemainingBytesAsString();
+        const std::string package = Package("Moravelle,01," + texts);
+        ctl::ReadPackage(package.data(), package.size(), TakeUnit, &survey);
+        ctl::ReadPackage(texts.data(), texts.size(), TakeUnit, &survey);
+    } else {
+        const std::string reply = input.ConsumeRemainingBytesAsString();
+        if (ctl::ReadSearchReply({reinterpret_cast<const uint8_t *>(reply.data()), reply.size()},
+                                 &unit)) {
+            TakeUnit(unit, &survey);
+        }
+    }
+    for (int i = 0; i < survey.units().count(); ++i) {
+        survey.units()[i].link = -1;
+    }
+    survey.units().Sort();
+    CheckPrinted([&](FILE *out) { ctl::PrintTable(out, survey, size % 200); });
+    if (survey.units().count() == 0) {
+        return 0;
+    }
+    const ctl::Unit &first = survey.units()[0];
+    CheckPrinted([&](FILE *out) { ctl::PrintPlain(out, first, links); });
+    CheckPrinted([&](FILE *out) { ctl::PrintUnit(out, first, links); });
+    CheckPrinted([&](FILE *out) { ctl::PrintSettings(out, first); });
+    CheckPrinted([&](FILE *out) { ctl::PrintJson(out, survey, &first, 1, nullptr); });
+    CheckPrinted([&](FILE *out) { ctl::PrintFormat(out, "${name}\\t${note}", first, links); });
+    return 0;
+}

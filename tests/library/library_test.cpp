@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "config/process.h"
+#include "discovery/announce.h"
 #include "discovery/client.h"
 #include "net/dns.h"
 #include "net/http.h"

@@ -3,6 +3,7 @@ import base64
 import concurrent.futures
 import json
 import os
+import pathlib
 import random
 import select
 import subprocess
@@ -58,6 +59,16 @@ def answering(protocol, desk, board):
     return False
 
 
+def state(text, old, new):
+    """Empty lines behind a text, or the zeros that a file system puts in the place of their bytes, are no harm."""
+    for name, whole in ("old", old), ("new", new):
+        if text == whole:
+            return name
+        if text.startswith(whole) and not text[len(whole):].strip("\n\0"):
+            return name + " and empty lines"
+    return "mixed"
+
+
 def cut(fs, protocol, delay, aimed, longer, big):
     """One board, one setup, one cut `delay` seconds after the package was sent (`aimed`: after the new texts were
     begun), one look at what is left."""
@@ -85,8 +96,7 @@ def cut(fs, protocol, delay, aimed, longer, big):
             begun = BEGUN in board.log()
             board.power_on()
             left = [base64.b64decode(board.run(f"base64 /mtd1/{name}", check=False)).decode("latin1") for name in FILES]
-            states = ["old" if text == one else "new" if text == other else "mixed"
-                      for text, one, other in zip(left, before, after)]
+            states = list(map(state, left, before, after))
             result = {"fs": fs, "protocol": protocol, "at": round(at, 4), "aimed": aimed, "longer": longer, "big": big,
                       "begun": begun, "done": done, "states": states, "answers": answering(protocol, desk, board)}
             if "mixed" in states:
@@ -117,6 +127,8 @@ def run(share):
     done = subprocess.run([sys.executable, os.path.dirname(__file__), "cut", json.dumps(share)], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, text=True, check=False)
     results = [json.loads(line) for line in done.stdout.splitlines()]
+    with open(f"build/log/board-cuts-{share[0][0]}.json", "a") as file:
+        file.write(done.stdout)
     assert len(results) == len(share), done.stderr[-3000:]
     return results
 
@@ -125,10 +137,9 @@ def cuts(report, options):
     with concurrent.futures.ThreadPoolExecutor(SIDE_BY_SIDE) as pool:
         for fs in ("jffs2", "ext2"):
             every = orders(fs, options.cuts)
+            pathlib.Path(f"build/log/board-cuts-{fs}.json").unlink(missing_ok=True)
             with report.line(f"{len(every)} power cuts on {fs}") as details:
                 results = sum(pool.map(run, [every[i::25] for i in range(min(25, len(every)))]), [])
-                with open(f"build/log/board-cuts-{fs}.json", "w") as file:
-                    file.writelines(json.dumps(one) + "\n" for one in results)
                 wrong = []
                 for protocol in ("native", "kirvex"):
                     for done in (True, False):

@@ -1,6 +1,7 @@
 #include "config/in_place_edit.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -119,21 +120,49 @@ void InPlaceEdit::ReportCopyBack() const {
     ReportWrite(line.data(), line.size());
 }
 
+static off_t SizeOf(int file) {
+    struct stat status {};
+    return fstat(file, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : 0;
+}
+
+off_t InPlaceEdit::WriteOver(int file, off_t position, off_t textSize, off_t size) {
+    bool good = lseek(file, position, SEEK_SET) == position;
+    while (good && position < size) {
+        char block[4096];
+        const off_t wanted = std::min<off_t>(sizeof block, size - position);
+        const off_t text = std::clamp<off_t>(textSize - position, 0, wanted);
+        memset(block, '\n', sizeof block);
+        good = text == 0 || pread(copy(), block, static_cast<size_t>(text), position) == text;
+        if (good) {
+            const size_t written = WriteAll(file, block, static_cast<size_t>(wanted));
+            position += static_cast<off_t>(written);
+            good = static_cast<off_t>(written) == wanted;
+        }
+    }
+    return position;
+}
+
 bool InPlaceEdit::CopyBack(bool report) {
     // Past the stream's buffer, so that a full disk is noticed at the write that it refuses.
     const int file = fileno(original_.get());
-    bool good = lseek(copy(), 0, SEEK_SET) == 0 && lseek(file, 0, SEEK_SET) == 0;
-    char block[4096];
-    ssize_t count;
-    while (good && (count = read(copy(), block, sizeof block)) != 0) {
-        const size_t written = count > 0 ? WriteAll(file, block, static_cast<size_t>(count)) : 0;
-        length_ += static_cast<off_t>(written);
-        good = static_cast<ssize_t>(written) == count;
+    const off_t before = SizeOf(file);
+    const off_t after = SizeOf(copy());
+    // A power failure between a text and its length would leave that text cut, or with the end of
+    // the other one. So the file has one length while its text changes: the shorter one is followed
+    // by empty lines for that moment, which no reader of these files minds.
+    if (after > before && WriteOver(file, before, 0, after) == after) {
+        fsync(file);
     }
-    if (!good && report) {
-        ReportCopyBack();
+    const off_t size = std::max(before, after);
+    const off_t end = WriteOver(file, 0, after, size);
+    length_ = std::min(end, after);
+    if (end != size) {
+        if (report) {
+            ReportCopyBack();
+        }
+        return false;
     }
-    return good;
+    return before <= after || Sync();
 }
 
 bool InPlaceEdit::Cut() {

@@ -58,8 +58,9 @@ class InPlaceEdit {
     // Writes a line to the copy. Returns false, with a message that names it, when it can't be.
     [[nodiscard]] bool WriteLine(const char *line, size_t length);
 
-    // Copies the new text over the file, from its start. Returns false when a read or write failed;
-    // `report` says whether that gets a message.
+    // Copies the new text over the file, from its start, and empty lines over what the old one has
+    // beyond it. Returns false when a read or write failed; `report` says whether that gets a
+    // message.
     [[nodiscard]] bool CopyBack(bool report);
 
     // Cuts the file to what CopyBack has written. Returns false with errno set.
@@ -69,12 +70,15 @@ class InPlaceEdit {
     // Returns false, with a message, when it did not get there.
     [[nodiscard]] bool Sync();
 
-    // The number of bytes that CopyBack has written.
+    // The number of bytes of the new text that CopyBack has written.
     off_t length() const { return length_; }
 
   private:
     void ReportWrite(const char *line, size_t length) const;
     void ReportCopyBack() const;
+    // Writes the first `textSize` bytes of the copy, and empty lines behind them, between two
+    // places of the file. Returns where that ended.
+    off_t WriteOver(int file, off_t position, off_t textSize, off_t size);
 
     TerminationHeld held_;  // to the very end, when the temporary file is gone as well
     const char *path_;

@@ -101,7 +101,7 @@ def became(host, interfaces=INTERFACES):
     def state(name, old):
         text, new = host.path(name).read_text(), renewed(old)
         cuts = {new[:size] + old[size:]: f"new to {size}" for size in range(4096, len(new), 4096)}
-        return {**cuts, "": "empty", new + old[len(new):]: "new, tail of old", old: "old", new: "new",
+        return {**cuts, "": "empty", new + "\n" * (len(old) - len(new)): "new, empty lines", old: "old", new: "new",
                 new[:4096]: "new"}.get(text, text)
     ran = host.path("var/networking").exists()
     return state(NETFILE[host.brand], interfaces), state("etc/resolv.conf", RESOLVER), ran
@@ -266,9 +266,9 @@ def test_file_systems_have_no_room_for_a_byte_more(net):
 
 LEFT_BY_A_KILL = {
     ("old", "old", ""), ("old", "old", "/tmp/TQ "), ("old", "old", "/tmp/TQ /var/COM "),
-    ("old", "new, tail of old", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
+    ("old", "new, empty lines", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),
     ("old", "new", "/tmp/TQ "), ("new to 4096", "new", "/tmp/TQ "), ("new to 8192", "new", "/tmp/TQ "),
-    ("new, tail of old", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
+    ("new, empty lines", "new", "/tmp/TQ "), ("new", "new", "/tmp/TQ "), ("new", "new", "")}
 
 
 def kill_before_each(net, host, call, interfaces, signal="KILL"):

@@ -34,7 +34,8 @@ static bool IsHarmless(uint32_t code, size_t length) {
 void MaskControls(char *text) {
     size_t length;
     for (; *text != '\0'; text += length) {
-        if (!IsHarmless(ReadCodePoint(text, &length), length)) {
+        const uint32_t code = ReadCodePoint(text, &length);
+        if (!IsHarmless(code, length)) {
             memset(text, '?', length);
         }
     }

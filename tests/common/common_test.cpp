@@ -9,6 +9,7 @@
 #include "common/pause.h"
 #include "common/socket.h"
 #include "common/text.h"
+#include "common/utf8.h"
 #include "support/files.h"
 
 TEST(Common, Base64FollowsTheStandardAndDecodesLeniently) {
@@ -141,4 +142,21 @@ TEST(Common, ASocketThatIsGoneTakesNoTimeout) {
               OutputOf([] {
                   EXPECT_EQ(-1, COM_SetSocketTimeout(-1, 5));
               }).find("(): setsockopt(-1, SO_SNDTIMEO, 5 sec) failed - Bad file descriptor\n"));
+}
+
+TEST(Common, NothingThatSteersATerminalIsLeft) {
+    const struct {
+        std::string text, shown;
+    } kRows[] = {{"a\tb\n \x1b[2J\r\x7f", "a\tb\n ?[2J??"},
+                 {"K\xc3\xbc\xe2\x82\xac\xf0\x9f\x98\x80\xef\xbf\xbd", ""},
+                 {"\xc2\x9b\xc2\xa0\x9b\xff", "??\xc2\xa0??"},
+                 {"\xc1\x9b\xe0\x82\x9b\xf0\x80\x82\x9b", "?????????"},
+                 {"\xed\xa0\x80\xf4\x90\x80\x80\xf8", "????????"},
+                 {"\xe2\x82", "??"},
+                 {"\xf0\x9f\x98", "???"}};
+    for (const auto &row : kRows) {
+        std::string text = row.text;
+        MaskControls(text.data());
+        EXPECT_EQ(text, row.shown.empty() ? row.text : row.shown);
+    }
 }

@@ -52,16 +52,14 @@ bool ReceiveArp(int sock, ArpPacket *packet) {
     uint8_t bytes[64];
     sockaddr_ll from{};
     socklen_t size = sizeof from;
-    ssize_t length;
-    do {
-        length = recvfrom(sock, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &size);
-        if (length == -1) {
-            return false;
-        }
-    } while (static_cast<size_t>(length) < kArpSize || from.sll_pkttype == PACKET_OUTGOING ||
-             ReadBigEndian16(bytes + kHardware) != ARPHRD_ETHER ||
-             ReadBigEndian16(bytes + kProtocol) != ETH_P_IP ||
-             ReadBigEndian16(bytes + kSizes) != kEthernetAndIpv4Sizes);
+    const ssize_t length =
+        recvfrom(sock, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &size);
+    if (length < static_cast<ssize_t>(kArpSize) || from.sll_pkttype == PACKET_OUTGOING ||
+        ReadBigEndian16(bytes + kHardware) != ARPHRD_ETHER ||
+        ReadBigEndian16(bytes + kProtocol) != ETH_P_IP ||
+        ReadBigEndian16(bytes + kSizes) != kEthernetAndIpv4Sizes) {
+        return false;
+    }
     packet->request = ReadBigEndian16(bytes + kOperation) == ARPOP_REQUEST;
     packet->interface = from.sll_ifindex;
     memcpy(packet->senderMac, bytes + kSenderMac, ETH_ALEN);
@@ -95,11 +93,10 @@ static bool HearSender(int sock, const Link &link, Address address, uint8_t (&ma
         pollfd wanted{sock, POLLIN, 0};
         poll(&wanted, 1, static_cast<int>(left));
         ArpPacket packet;
-        while (ReceiveArp(sock, &packet)) {
-            if (packet.interface == link.index && packet.sender == address) {
-                memcpy(mac, packet.senderMac, ETH_ALEN);
-                return true;
-            }
+        if (ReceiveArp(sock, &packet) && packet.interface == link.index &&
+            packet.sender == address) {
+            memcpy(mac, packet.senderMac, ETH_ALEN);
+            return true;
         }
     }
     return false;

@@ -21,7 +21,8 @@ struct ArpPacket {
 // Opens a packet socket that hears all ARP of every link. Empty without the right to it.
 UniqueFd OpenArp();
 
-// Receives what is waiting. Returns false when nothing is.
+// Receives one packet if one is waiting. Returns false when none is, and for what is no ARP of IPv4
+// over Ethernet or this machine's own.
 bool ReceiveArp(int sock, ArpPacket *packet);
 
 enum class Holder { kNobody, kSomebody, kUnknown };

@@ -7,7 +7,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <regex>
 #include <vector>
 
 #include "common/owners.h"
@@ -116,7 +115,7 @@ static Seen SendAll(const std::function<int(const std::string &)> &send) {
         }
     });
     cable.Read(100);
-    seen.said = std::regex_replace(seen.said, std::regex("(\\w+),\\d+:"), "$1,0:");
+    seen.said = Shorten(seen.said);
     seen.frames = cable.frames;
     return seen;
 }

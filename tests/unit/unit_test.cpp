@@ -20,61 +20,60 @@ TEST(Identity, IsTheFirstLineOfAFile) {
         std::string text;
         int result;
         std::string value;
-    } kCases[] = {{"QVR-7140-16T\n", 0, "QVR-7140-16T"},
-                  {"QVR-7140-16T\r\nmore", 0, "QVR-7140-16T"},
-                  {" kept \n", 0, " kept "},
-                  {Long(40), 0, Long(31)},
-                  {"", -1, "unknown"},
-                  {"\nsecond", 0, ""},
-                  {std::string(1000, '\0'), 0, ""},
-                  {Long(10 << 20), 0, Long(31)},
-                  // Each further block of 255 bytes adds its text up to its first line end.
-                  {"a\n" + Long(253, 'x') + "b\n" + Long(253, 'y') + "c\n", 0, "abc"}};
-    for (const auto &c : kCases) {
-        WriteFile("/etc/Model", c.text);
+    } kRows[] = {{"QVR-7140-16T\n", 0, "QVR-7140-16T"},
+                 {"QVR-7140-16T\r\nmore", 0, "QVR-7140-16T"},
+                 {" kept \n", 0, " kept "},
+                 {Long(40), 0, Long(31)},
+                 {"", -1, "unknown"},
+                 {"\nsecond", 0, ""},
+                 {std::string(1000, '\0'), 0, ""},
+                 {Long(10 << 20), 0, Long(31)},
+                 // Each further block of 255 bytes adds its text up to its first line end.
+                 {"a\n" + Long(253, 'x') + "b\n" + Long(253, 'y') + "c\n", 0, "abc"}};
+    for (const auto &row : kRows) {
+        WriteFile("/etc/Model", row.text);
         char value[32] = "";
-        EXPECT_EQ(c.result, COM_GetModelName(value, sizeof value));
-        EXPECT_EQ(c.value, value);
+        EXPECT_EQ(COM_GetModelName(value, sizeof value), row.result);
+        EXPECT_EQ(value, row.value);
     }
 }
 
 TEST(Identity, HasItsFailureValuesAndMessages) {
-    Shell("rm -rf /etc/Model /etc/Port; mkdir /etc/Model");
-    char value[8] = "before";
-    EXPECT_EQ("", OutputOf([&] { EXPECT_EQ(-1, COM_GetModelName(value, sizeof value)); }));
-    EXPECT_STREQ("unknown", value);
-    EXPECT_EQ("", OutputOf([&] { EXPECT_EQ(-1, COM_GetTriggerPort(value, sizeof value)); }));
-    EXPECT_STREQ("80", value);
-    char narrow[4] = "";
-    EXPECT_EQ(-1, COM_GetModelName(narrow, sizeof narrow));
-    EXPECT_STREQ("unk", narrow);
-    Shell("rm -r /etc/Model; ln -s Model /etc/Model");
-    EXPECT_NE(std::string::npos,
-              OutputOf([&] {
-                  COM_GetModelName(value, sizeof value);
-              }).find("COM_GetFileContent(): open(/etc/Model) error : Too many levels"));
-    EXPECT_NE(std::string::npos, OutputOf([&] {
-                                     EXPECT_EQ(-1, COM_GetFileContent("/x", value, 0));
-                                 }).find("input error : (pFileName, pBuf, len) = ("));
-    strcpy(value, "before");
-    OutputOf([&] { EXPECT_EQ(-1, COM_GetFileContent(nullptr, value, sizeof value)); });
-    EXPECT_STREQ("unknown", value);
-    Shell("rm /etc/Model; mkfifo /etc/Model");
-    EXPECT_EQ(-1, COM_GetModelName(value, sizeof value));
-    Shell("rm /etc/Model");
+    const struct {
+        const char *change;
+        int (*get)(char *, int);
+        const char *value, *message;
+    } kRows[] = {
+        {"rm -rf /etc/Model /etc/Port; mkdir /etc/Model", COM_GetModelName, "unknown", ""},
+        {"true", COM_GetTriggerPort, "80", ""},
+        {"rm -r /etc/Model; ln -s Model /etc/Model", COM_GetModelName, "unknown",
+         "COM_GetFileContent(): open(/etc/Model) error : Too many levels"},
+        {"rm /etc/Model; mkfifo /etc/Model", COM_GetModelName, "unknown", ""},
+        {"rm /etc/Model", [](char *, int) { return COM_GetFileContent("/x", nullptr, 8); }, "",
+         "input error : (pFileName, pBuf, len) = ("},
+        {"true", [](char *value, int size) { return COM_GetFileContent(nullptr, value, size); },
+         "unknown", "input error : (pFileName, pBuf, len) = ("},
+        {"true", [](char *value, int) { return COM_GetModelName(value, 4); }, "unk", ""},
+    };
+    for (const auto &row : kRows) {
+        Shell(row.change);
+        char value[8] = "";
+        ExpectSaid(row.message, OutputOf([&] { EXPECT_EQ(row.get(value, sizeof value), -1); }));
+        EXPECT_STREQ(value, row.value) << row.change;
+    }
 }
 
 TEST(Identity, AppendsToWhatTheBufferHoldsAndStaysInside) {
     WriteFile("/etc/Model", "0123456789");
     char value[16] = "abcd";
-    EXPECT_EQ(0, COM_GetModelName(value, sizeof value));
-    EXPECT_EQ(0, COM_GetModelName(value, sizeof value));
-    EXPECT_STREQ("abcd01234567890", value);
+    EXPECT_EQ(COM_GetModelName(value, sizeof value), 0);
+    EXPECT_EQ(COM_GetModelName(value, sizeof value), 0);
+    EXPECT_STREQ(value, "abcd01234567890");
     char all[17];
     memset(all, 'x', sizeof all);
-    EXPECT_EQ(0, COM_GetModelName(all, sizeof all - 1));
-    EXPECT_EQ('\0', all[15]);
-    EXPECT_EQ('x', all[16]);
+    EXPECT_EQ(COM_GetModelName(all, sizeof all - 1), 0);
+    EXPECT_EQ(all[15], '\0');
+    EXPECT_EQ(all[16], 'x');
 }
 
 TEST(UnitInfo, GrowsWithEveryFillingButNeverPastItsEnd) {
@@ -86,12 +85,12 @@ TEST(UnitInfo, GrowsWithEveryFillingButNeverPastItsEnd) {
         UnitInfo *record = static_cast<UnitInfo *>(calloc(1, sizeof(UnitInfo)));
         OutputOf([&] {
             COM_GetUnitInfo(record, "eth0");
-            EXPECT_EQ(Long(length > 31 ? 31 : length), record->model);
+            EXPECT_EQ(record->model, Long(length > 31 ? 31 : length));
             for (int i = 0; i < 25000; ++i) {
                 COM_GetUnitInfo(record, i == 3 ? "none" : "eth0");
             }
         });
-        EXPECT_STRNE(Long(length > 31 ? 31 : length).c_str(), record->model);
+        EXPECT_STRNE(record->model, Long(length > 31 ? 31 : length).c_str());
         free(record);
     }
     Shell("rm /etc/Model /etc/Proj /etc/Port /etc/Note");
@@ -104,20 +103,19 @@ TEST(UnitInfo, CountsItsFailures) {
         WriteFile(std::string("/etc/") + file, "x");
     }
     UnitInfo record{};
-    EXPECT_EQ(0, COM_GetUnitInfo(&record, nullptr));
-    EXPECT_STREQ("unknown", record.note);
-    EXPECT_STREQ("192.168.1.20", record.ip);
-    EXPECT_EQ(1500, record.mtu);
+    EXPECT_EQ(COM_GetUnitInfo(&record, nullptr), 0);
+    EXPECT_STREQ(record.note, "unknown");
+    EXPECT_STREQ(record.ip, "192.168.1.20");
+    EXPECT_EQ(record.mtu, 1500);
     Shell("rm /etc/Port; ip route del default");
     record = {};
-    EXPECT_EQ(-2, COM_GetUnitInfo(&record, "eth0"));
-    EXPECT_STREQ("80", record.trigger_port);
-    EXPECT_STREQ("000.000.000.000", record.gateway);
-    EXPECT_EQ("", OutputOf([] { COM_ShowAllUnitInfo(0, nullptr); }));
+    EXPECT_EQ(COM_GetUnitInfo(&record, "eth0"), -2);
+    EXPECT_STREQ(record.trigger_port, "80");
+    EXPECT_STREQ(record.gateway, "000.000.000.000");
+    ExpectSaid("", OutputOf([] { COM_ShowAllUnitInfo(0, nullptr); }));
     const std::string shown = OutputOf([&] { COM_ShowAllUnitInfo(1, &record); });
-    EXPECT_EQ(shown.find("[1/1]\nCOMMON,"), 0u) << shown;
-    EXPECT_NE(std::string::npos, shown.find(": (ip, trigger_port, netmask) = (192.168.1.20, 80, "
-                                            "255.255.255.0)\n"));
+    EXPECT_TRUE(shown.starts_with("[1/1]\nCOMMON,")) << shown;
+    ExpectSaid(": (ip, trigger_port, netmask) = (192.168.1.20, 80, 255.255.255.0)\n", shown);
 }
 
 TEST(NetInfo, GivesEveryFactInEveryForm) {
@@ -129,7 +127,7 @@ TEST(NetInfo, GivesEveryFactInEveryForm) {
     const struct {
         int selector;
         std::string value;  // texts with their terminators
-    } kCases[] = {
+    } kRows[] = {
         {0, "02005E005301" + zero},
         {1, "02005e005301" + zero},
         {2, "5E005301" + zero},
@@ -171,26 +169,27 @@ TEST(NetInfo, GivesEveryFactInEveryForm) {
         {39, "unknown" + zero},
         {-1, "unknown" + zero},
     };
-    for (const auto &c : kCases) {
+    for (const auto &row : kRows) {
         // An address text may use all of its 16 bytes.
-        const size_t used = c.selector < 20 ? c.value.size() : std::max(c.value.size(), size_t{16});
+        const size_t used =
+            row.selector < 20 ? row.value.size() : std::max(row.value.size(), size_t{16});
         std::string output(used + 4, '#');
         int result = 0;
         OutputOf([&] {
-            const bool arp = c.selector >= 11 && c.selector <= 19;
+            const bool arp = row.selector >= 11 && row.selector <= 19;
             // Routes and name servers are the machine's, whatever the interface.
-            const char *device = c.selector >= 29 && c.selector <= 37 ? "lo" : "eth0";
-            result = COM_GetNetInfo(c.selector, arp ? "192.168.1.77" : device, output.data());
+            const char *device = row.selector >= 29 && row.selector <= 37 ? "lo" : "eth0";
+            result = COM_GetNetInfo(row.selector, arp ? "192.168.1.77" : device, output.data());
         });
-        EXPECT_EQ(c.value + "####", output.substr(0, c.value.size()) + output.substr(used))
-            << c.selector;
+        EXPECT_EQ(output.substr(0, row.value.size()) + output.substr(used), row.value + "####")
+            << row.selector;
         const bool found =
-            (c.selector >= 0 && c.selector <= 10) || (c.selector >= 20 && c.selector <= 38);
-        EXPECT_EQ(found ? 0 : -1, result) << c.selector;
+            (row.selector >= 0 && row.selector <= 10) || (row.selector >= 20 && row.selector <= 38);
+        EXPECT_EQ(result, found ? 0 : -1) << row.selector;
     }
     int32_t mtu = 0;
-    EXPECT_EQ(0, COM_GetNetInfo(NETINFO_MTU, "eth0", &mtu));
-    EXPECT_EQ(1500, mtu);
+    EXPECT_EQ(COM_GetNetInfo(NETINFO_MTU, "eth0", &mtu), 0);
+    EXPECT_EQ(mtu, 1500);
     Shell("ip route del default");
 }
 
@@ -201,7 +200,7 @@ TEST(NetInfo, HasItsFailureValues) {
         int selector;
         const char *device;
         std::string value, message;
-    } kCases[] = {
+    } kRows[] = {
         {0, "none", "000000000000" + zero, "COM_GetMAC(): ioctl() error : No such device\n"},
         {4, "none", "00:00:00:00:00:00" + zero, "COM_GetMAC(): ioctl() error"},
         {7, "none", std::string(6, '\0'), "COM_GetMAC(): ioctl() error"},
@@ -216,12 +215,12 @@ TEST(NetInfo, HasItsFailureValues) {
         {38, "none", "", "COM_GetMTU(): ioctl() error : No such device\n"},
         {39, "eth0", "unknown" + zero, "COM_GetNetInfo(): flag(39) not implemented yet.\n"},
     };
-    for (const auto &c : kCases) {
-        std::string output(c.value.size() + 4, '#');
-        const std::string printed =
-            OutputOf([&] { EXPECT_EQ(-1, COM_GetNetInfo(c.selector, c.device, output.data())); });
-        EXPECT_EQ(c.value + "####", output) << c.selector;
-        ExpectSaid(c.message, printed);
+    for (const auto &row : kRows) {
+        std::string output(row.value.size() + 4, '#');
+        const std::string printed = OutputOf(
+            [&] { EXPECT_EQ(COM_GetNetInfo(row.selector, row.device, output.data()), -1); });
+        EXPECT_EQ(output, row.value + "####") << row.selector;
+        ExpectSaid(row.message, printed);
     }
     Shell("ip link del eth7");
 }
@@ -231,24 +230,27 @@ TEST(NetInfo, CutsANameServerToItsFieldAndCountsEveryLine) {
         std::string file;
         int selector, result;
         std::string value;
-    } kCases[] = {
+    } kRows[] = {
         {"nameserver 2001:db8:85a3::8a2e:370:7334\n", 32, 0, "2001:db8:85a3::"},
         {"nameserver " + Long(200, 'w') + "\n", 32, 0, Long(15, 'w')},
         {"nameserver\nnameserver 10.0.0.9\n", 32, -1, "000.000.000.000"},
         {"nameserver 10.0.0.1", 34, -1, "000.000.000.000"},
         {"my nameserver 10.0.0.1\r\nnameserver 10.0.0.2\r\n", 35, 0, "010.000.000.002"},
         {"nameserver word\n", 33, 0, "000.000.000.000"},
+        // A line across two blocks of the reader, and one that holds a zero byte.
+        {Long(1018, '#') + "\nnameserver 10.0.0.7\n", 32, 0, "10.0.0.7"},
+        {std::string("a\0nameserver 10.0.0.1\n", 22) + "nameserver 10.0.0.8\n", 32, 0, "10.0.0.8"},
     };
-    for (const auto &c : kCases) {
-        WriteFile("/etc/resolv.conf", c.file);
+    for (const auto &row : kRows) {
+        WriteFile("/etc/resolv.conf", row.file);
         char value[16];
-        EXPECT_EQ(c.result, COM_GetNetInfo(c.selector, "eth0", value));
-        EXPECT_EQ(c.value, value);
+        EXPECT_EQ(COM_GetNetInfo(row.selector, "eth0", value), row.result);
+        EXPECT_EQ(value, row.value);
     }
     for (const char *endless : {"ln -sf /dev/zero", "rm /etc/resolv.conf; mkfifo"}) {
         char value[16];
         Shell(std::string(endless) + " /etc/resolv.conf");
-        EXPECT_EQ(-1, COM_GetNetInfo(NETINFO_DNS1_STR, "eth0", value));
+        EXPECT_EQ(COM_GetNetInfo(NETINFO_DNS1_STR, "eth0", value), -1);
     }
     Shell("rm /etc/resolv.conf");
 }
@@ -257,45 +259,41 @@ TEST(NetInfo, MapsDeviceNames) {
     const struct {
         std::string interfaces;
         const char *device;
-    } kCases[] = {{"auto eth0\n", "eth0"},
-                  {"auto lo\nauto eth0\n", "ppp0"},
-                  {"iface x\n", "eth0"},
-                  {"# autonomous\n", "ppp0"}};
+    } kRows[] = {{"auto eth0\n", "eth0"},
+                 {"auto lo\nauto eth0\n", "ppp0"},
+                 {"iface x\n", "eth0"},
+                 {"# autonomous\n", "ppp0"}};
     Shell("mkdir -p /etc/network");
-    for (const auto &c : kCases) {
-        WriteFile("/etc/network/interfaces", c.interfaces);
-        EXPECT_STREQ(c.device, COM_ConvertNetDevName("auto"));
+    for (const auto &row : kRows) {
+        WriteFile("/etc/network/interfaces", row.interfaces);
+        EXPECT_STREQ(COM_ConvertNetDevName("auto"), row.device);
     }
-    EXPECT_STREQ("eth0", COM_ConvertNetDevName(nullptr));
+    EXPECT_STREQ(COM_ConvertNetDevName(nullptr), "eth0");
     for (const char *same : {"1.2.3.4", "eth5", "Auto", ""}) {
-        EXPECT_EQ(same, COM_ConvertNetDevName(same));
+        EXPECT_EQ(COM_ConvertNetDevName(same), same);
     }
     Shell("rm /etc/network/interfaces");
-    EXPECT_NE(std::string::npos,
-              OutputOf([] {
-                  EXPECT_STREQ("eth0", COM_ConvertNetDevName("auto"));
-              }).find("COM_ConvertNetDevName(): fopen(/etc/network/interfaces) error : No such"));
+    ExpectSaid("COM_ConvertNetDevName(): fopen(/etc/network/interfaces) error : No such",
+               OutputOf([] { EXPECT_STREQ(COM_ConvertNetDevName("auto"), "eth0"); }));
 }
 
 TEST(Interfaces, AreListedInTheKernelsOrder) {
     WriteFile("/tmp/dev", "Inter-| x\n face |y\n    lo: 1\n  eth0.100: 2\nbr-lan:3\n" + Long(300) +
                               "\n a_very_long_interface_name: 1\n:\n");
     NetDeviceName *list = nullptr;
-    ASSERT_EQ(5, COM_GetDeviceFromProc(&list, "/tmp/dev"));
+    ASSERT_EQ(COM_GetDeviceFromProc(&list, "/tmp/dev"), 5);
     const char *kNames[] = {"lo", "eth0100", "brlan", "averylonginterf", ""};
     for (int i = 0; i < 5; ++i) {
-        EXPECT_STREQ(kNames[i], list[i].text);
+        EXPECT_STREQ(list[i].text, kNames[i]);
     }
     NetDeviceName *same = list;
-    EXPECT_NE(std::string::npos, OutputOf([&] {
-                                     EXPECT_EQ(-1, COM_GetAllNetDevice(&list));
-                                 }).find("COM_GetDeviceFromProc(): Warnning!! (*pBuf != NULL)\n"));
-    EXPECT_EQ(same, list);
+    ExpectSaid("COM_GetDeviceFromProc(): Warnning!! (*pBuf != NULL)\n",
+               OutputOf([&] { EXPECT_EQ(COM_GetAllNetDevice(&list), -1); }));
+    EXPECT_EQ(list, same);
     free(list);
     list = nullptr;
-    EXPECT_NE(std::string::npos, OutputOf([&] {
-                                     EXPECT_EQ(-1, COM_GetDeviceFromProc(&list, "/none"));
-                                 }).find("fopen(/none) error : No such file"));
+    ExpectSaid("fopen(/none) error : No such file",
+               OutputOf([&] { EXPECT_EQ(COM_GetDeviceFromProc(&list, "/none"), -1); }));
 }
 
 TEST(Interfaces, AnAddressMayBringItsMask) {
@@ -305,7 +303,7 @@ TEST(Interfaces, AnAddressMayBringItsMask) {
         const char *address;
         uint32_t mask;
         const char *message;
-    } kCases[] = {
+    } kRows[] = {
         {"192.168.1.20/255.255.255.0", 0, "192.168.1.20", htonl(0xFFFFFF00), ""},
         {"192.168.1.20", 0, "192.168.1.20", 0xFFFFFFFF, ""},
         {" 10.1 / 0 /9", 0, "10.0.0.1", 0, ""},
@@ -318,13 +316,13 @@ TEST(Interfaces, AnAddressMayBringItsMask) {
         {"", -1, "0.0.0.0", 0xFFFFFFFF, ""},
         {"///", -1, "0.0.0.0", 0xFFFFFFFF, ""},
     };
-    for (const auto &c : kCases) {
+    for (const auto &row : kRows) {
         uint32_t address;
         uint32_t mask;
-        const std::string output =
-            OutputOf([&] { EXPECT_EQ(c.result, COM_ConvertNetworkAddr(c.text, &address, &mask)); });
-        EXPECT_EQ(inet_addr(c.address), address) << c.text;
-        EXPECT_EQ(c.mask, mask) << c.text;
-        ExpectSaid(c.message, output);
+        const std::string output = OutputOf(
+            [&] { EXPECT_EQ(COM_ConvertNetworkAddr(row.text, &address, &mask), row.result); });
+        EXPECT_EQ(address, inet_addr(row.address)) << row.text;
+        EXPECT_EQ(mask, row.mask) << row.text;
+        ExpectSaid(row.message, output);
     }
 }

@@ -1,4 +1,7 @@
-"""The figures that are taken on the virtual LAN; script/bench builds the programs and starts it."""
+"""The figures that are taken on the virtual LAN; script/bench builds the programs and starts it.
+
+    bench.py [million]    all of them; or what a million requests to each server leave behind
+"""
 import contextlib
 import pathlib
 import resource
@@ -17,6 +20,8 @@ from measure import anonymous_kb, cpu_microseconds, drain, rally, wire_times  # 
 NATIVE = lan.CHOSEN
 SO_RCVBUFFORCE = 33
 UNIT = ("192.168.1.21", lan.SERVER_PORT)
+RECORDER = ("192.168.1.31", lan.KIRVEX_PORT)
+FLOOD, MILLION = 100000, 1000000
 
 
 def state(host):
@@ -58,33 +63,56 @@ def requests(title, host, client, request, to, answers):
     print(f"  at 1,000/s for 10 s: {sent // answers} of 10000 answered, "
           f"{(cpu_microseconds(host) - before) / max(sent // answers, 1):.0f} us of CPU each", flush=True)
     drain(client)
+    flood(host, client, request, to, answers, FLOOD)
+
+
+def flood(host, client, request, to, answers, count):
+    """As many as are answered, and what the server holds before and, at rest again, after them."""
+    time.sleep(1.5)
     print(f"  before {state(host)}", flush=True)
-    sent, answered, seconds = rally(client, request, to, 100000, answers)
-    print(f"  up to 100,000 in a minute, 32 at a time: {answered} of {sent} answered, {answered / seconds:.0f}/s")
+    sent, answered, seconds = rally(client, request, to, count, answers, limit=count / 1000)
+    time.sleep(1.5)
+    print(f"  up to {count} at 32 at a time: {answered} of {sent} answered, {answered / seconds:.0f}/s")
     print(f"  after  {state(host)}", flush=True)
+
+
+def native_unit(net):
+    return net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", program=NATIVE).start_tq()
+
+
+def recorder(net):
+    return net.host("rec", "192.168.1.31/24", gateway="192.168.1.1", port="8080", brand=16, program=NATIVE,
+                    files={"mtd1/interfaces": "iface eth0 inet static\n"}).start_tq()
 
 
 def native_queries():
     with lan.Lan() as net:
-        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
-        host = net.host("cam1", "192.168.1.21/24", gateway="192.168.1.1", program=NATIVE).start_tq()
+        desk, host = net.host("desk", "192.168.1.20/24", program=NATIVE), native_unit(net)
         with desk.socket(bind=("", lan.CLIENT_PORT), device="eth0") as client:
             requests("Native queries", host, client, lan.QUERY, UNIT, 2)
 
 
+def million():
+    with lan.Lan() as net:
+        desk, host, other = net.host("desk", "192.168.1.20/24", program=NATIVE), native_unit(net), recorder(net)
+        with desk.socket(bind=("", lan.CLIENT_PORT), device="eth0") as client:
+            print("A million native queries", flush=True)
+            flood(host, client, lan.QUERY, UNIT, 2, MILLION)
+        with desk.socket() as client:
+            print("A million KIRVEX searches", flush=True)
+            flood(other, client, lan.kirvex_request(lan.SEARCH), RECORDER, 1, MILLION)
+
+
 def kirvex():
     with lan.Lan() as net:
-        desk = net.host("desk", "192.168.1.20/24", program=NATIVE)
-        host = net.host("rec", "192.168.1.31/24", gateway="192.168.1.1", port="8080", brand=16, program=NATIVE,
-                        files={"mtd1/interfaces": "iface eth0 inet static\n"}).start_tq()
+        desk, host = net.host("desk", "192.168.1.20/24", program=NATIVE), recorder(net)
         with desk.socket() as client:
-            requests("KIRVEX searches", host, client, lan.kirvex_request(lan.SEARCH),
-                     ("192.168.1.31", lan.KIRVEX_PORT), 1)
+            requests("KIRVEX searches", host, client, lan.kirvex_request(lan.SEARCH), RECORDER, 1)
         for scheme in ("digest", "basic"):
             host.serve_account_pages(scheme)
             change = lan.kirvex_request(lan.CHANGE, host, lan.kirvex_credentials("admin", "1234", "admin", "1234"))
             with desk.socket() as client:
-                _, answered, seconds = rally(client, change, ("192.168.1.31", lan.KIRVEX_PORT), 20, 1, window=1)
+                _, answered, seconds = rally(client, change, RECORDER, 20, 1, window=1)
             exchanges = host.web_log().count(" HTTP/")
             each = max(answered, 1)
             print(f"  password change through {scheme}: {answered} of 20, {seconds / each * 1000:.0f} ms, "
@@ -183,6 +211,9 @@ def simulated_discovery(count, rate):
 
 
 lan.enter()
+if sys.argv[1:] == ["million"]:
+    million()
+    sys.exit()
 startup()
 native_queries()
 kirvex()

@@ -19,7 +19,7 @@ int TQ_CreatePackage(const char *device, int type, char *out, const UnitInfo *in
 
 // Reads a zero-terminated Base64 text into a zeroed record. Returns the type, or -1; a package with
 // too few fields leaves "count/11" in the note.
-int TQ_ParserPackage(const char *text, UnitInfo *record);
+[[nodiscard]] int TQ_ParserPackage(const char *text, UnitInfo *record);
 
 // Builds a package and broadcasts it on the interface, or on all whose names begin with "eth".
 void TQ_SendPackage(const char *device, int type, uint16_t port);

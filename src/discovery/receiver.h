@@ -9,4 +9,4 @@
 // Opens a UDP socket that receives on a port, on the address in *address (network order) or, when
 // that is 0, on any. Fills the rest of *address. Returns 0 or -1; a descriptor stored in *sock is
 // the caller's in both cases.
-int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address);
+[[nodiscard]] int TQ_CreateUDPBroadcastSocket(uint16_t port, int *sock, sockaddr_in *address);

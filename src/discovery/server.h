@@ -10,4 +10,4 @@
 
 // 0 when both records are there and name the same unit: model, proj, name, trigger_port, mac and
 // dev are equal; else -1. The other fields carry settings and are not compared.
-int TQ_CheckUnitInfo(const UnitInfo *own, const UnitInfo *package);
+[[nodiscard]] int TQ_CheckUnitInfo(const UnitInfo *own, const UnitInfo *package);

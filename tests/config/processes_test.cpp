@@ -60,20 +60,19 @@ static pid_t StartDecoy(const char *name) {
         execl("/bin/sleep", name, "100", static_cast<char *>(nullptr));
         _exit(1);
     }
-    usleep(100000);
+    while (!ReadFile("/proc/" + std::to_string(child) + "/cmdline").starts_with(name)) {
+        usleep(1000);
+    }
     return child;
 }
 
-// The signal that ended a process; 0 when it goes on, and then it is ended here.
+// The signal that a process has got; 0 for none. It is ended here if it has not been: the first one
+// counts.
 static int EndOf(pid_t child) {
     int status = 0;
-    usleep(50000);
-    if (waitpid(child, &status, WNOHANG) == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        return 0;
-    }
-    return WTERMSIG(status);
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return WTERMSIG(status) == SIGKILL ? 0 : WTERMSIG(status);
 }
 
 TEST(Process, SignalsByNameHitTheRightOneAmongDecoys) {
@@ -167,10 +166,10 @@ TEST(Watchdog, CarriesOutWhatIsDue) {
             EXPECT_EQ(std::regex_replace(output, std::regex(".* sec before shutdown!\n"), ""), "");
         }
         remove(path.c_str());
-        kill(init, SIGKILL);
-        waitpid(init, nullptr, 0);
+        EndOf(init);
     }
-    usleep(200000);
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
     EXPECT_EQ(ReadFile("/tmp/rerun"), "100% %s %n%\n");
     EXPECT_NE(access("/tmp/never", F_OK), 0);
     EXPECT_EQ(SaidBy("TQ,TQ_Watchdog", [] { TQ_Watchdog(nullptr); }),

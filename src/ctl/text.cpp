@@ -14,6 +14,9 @@ struct Range {
     uint32_t last;
 };
 
+// A code point of four bytes, each as \xNN.
+constexpr size_t kLongestEscape = 16;
+
 }  // namespace
 
 // Control characters, and those that turn the direction of what follows.
@@ -39,7 +42,7 @@ static bool IsIn(const Range (&ranges)[kCount], uint32_t code) {
 void MakeHarmless(const char *text, char (&out)[kCellSize]) {
     size_t used = 0;
     size_t length;
-    for (; *text != '\0' && used + 4 * 4 < kCellSize; text += length) {
+    for (; *text != '\0' && used + kLongestEscape < kCellSize; text += length) {
         const uint32_t code = ReadCodePoint(text, &length);
         if (!IsIn(kSteering, code) && (code != kNoCodePoint || length > 1)) {
             memcpy(out + used, text, length);

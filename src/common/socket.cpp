@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "common/clock.h"
 #include "frame/message.h"
@@ -45,6 +46,19 @@ int WaitForSocket(int sock, short events, timeval *remaining) {
         }
     } while (ready == -1 && errno == EINTR);
     return ready;
+}
+
+bool BindWhenFree(int sock, const sockaddr_in &address) {
+    static constexpr timespec kPause{0, 10000000};
+    static constexpr int kTries = 20;
+    int tries = 1;
+    while (bind(sock, AsSockaddr(address), sizeof address) == -1) {
+        if (errno != EADDRINUSE || tries++ == kTries) {
+            return false;
+        }
+        nanosleep(&kPause, nullptr);
+    }
+    return true;
 }
 
 void KeepPortToOneself(int sock) {

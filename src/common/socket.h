@@ -12,6 +12,11 @@ int COM_SetSocketTimeout(int sock, int seconds);
 // the time is over, -1 with errno set.
 int WaitForSocket(int sock, short events, timeval *remaining);
 
+// Binds a socket to a port that a process killed a moment ago may still have: until all its sockets
+// are closed, which takes the kernel milliseconds, its successor waits, at most 0.2 seconds.
+// Returns false with errno set on failure.
+[[nodiscard]] bool BindWhenFree(int sock, const sockaddr_in &address);
+
 // Takes SO_REUSEADDR back from a bound socket: a local user who binds the port at one address of
 // this unit's would get all that is sent to that address.
 void KeepPortToOneself(int sock);

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 #include "common/owners.h"
@@ -81,22 +80,6 @@ class NativeServer {
 
 }  // namespace
 
-// A server that was killed a moment ago has the port until its packet socket is closed, which takes
-// the kernel milliseconds: its successor waits for that, rather than serve without sockets.
-static bool BindToServerPort(int sock) {
-    static constexpr timespec kPause{0, 10000000};
-    static constexpr int kTries = 20;
-    const sockaddr_in address = InternetAddress(INADDR_ANY, TQ_SERVER_PORT);
-    int tries = 1;
-    while (bind(sock, AsSockaddr(address), sizeof address) == -1) {
-        if (errno != EADDRINUSE || tries++ == kTries) {
-            return false;
-        }
-        nanosleep(&kPause, nullptr);
-    }
-    return true;
-}
-
 void NativeServer::OpenListener() {
     UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!sock) {
@@ -104,7 +87,7 @@ void NativeServer::OpenListener() {
         return;
     }
     TQ_LOG_FOR(kOrigin, "CREATE TCP/IP SOCKET\n");
-    if (!BindToServerPort(sock.get())) {
+    if (!BindWhenFree(sock.get(), InternetAddress(INADDR_ANY, TQ_SERVER_PORT))) {
         TQ_LOG_FOR(kOrigin, "bind error() : %s\n", strerror(errno));
         return;
     }

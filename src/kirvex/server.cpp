@@ -23,7 +23,7 @@ int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockad
         return -1;
     }
     *address = InternetAddress(INADDR_ANY, kx::kPort);
-    if (bind(*sock, AsSockaddr(*address), sizeof *address) == -1) {
+    if (!BindWhenFree(*sock, *address)) {
         TQ_LOG("bind error: %s\n", strerror(errno));
         return -1;
     }

@@ -104,6 +104,10 @@ TEST(KirvexServer, SharesItsPortAndItsAnswersWithNobody) {
     const sockaddr_in unit = InternetAddress(inet_addr("192.168.1.20"), 62976);
     setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     EXPECT_EQ(bind(listener.get(), AsSockaddr(unit), sizeof unit), -1);
+    EXPECT_EQ(kill(server.pid, SIGSTOP), 0);
+    std::thread end([&] { usleep(50000), kill(server.pid, SIGKILL); });
+    const Server successor;
+    end.join();
 
     // A station whose address is the others' broadcast address.
     EXPECT_EQ(Ask(Header(0xA5)).size(), 22u);

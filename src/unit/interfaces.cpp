@@ -26,6 +26,17 @@ static NetDeviceName NameFromLine(const char *line, const char *colon) {
     return name;
 }
 
+// Growing by one name at a time would scatter a daemon's heap: an answer to every query asks.
+static constexpr int kGrowth = 8;
+
+static bool MakeRoom(NetDeviceName **list, int count) {
+    void *grown = realloc(*list, static_cast<size_t>(count) * sizeof(NetDeviceName));
+    if (grown) {
+        *list = static_cast<NetDeviceName *>(grown);
+    }
+    return grown != nullptr;
+}
+
 int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
     if (*list) {
         TQ_LOG("Warnning!! (*pBuf != NULL)\n");
@@ -43,12 +54,10 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
         if (!colon) {
             continue;
         }
-        void *grown = realloc(*list, static_cast<size_t>(count + 1) * sizeof(NetDeviceName));
-        if (!grown) {
+        if (count % kGrowth == 0 && !MakeRoom(list, count + kGrowth)) {
             TQ_LOG("REALLOC() failed : %s\n", strerror(errno));
             continue;
         }
-        *list = static_cast<NetDeviceName *>(grown);
         (*list)[count++] = NameFromLine(line, colon);
     }
     return count;

@@ -26,9 +26,9 @@ TEST(Common, Base64FollowsTheStandardAndDecodesLeniently) {
     for (const auto &vector : kVectors) {
         const int length = static_cast<int>(strlen(vector.text));
         const HeapBlock<char> encoded = ZeroedBlock(Base64TextSize(static_cast<size_t>(length)));
-        EXPECT_EQ(static_cast<int>(strlen(vector.encoded)),
-                  COM_Base64Encode(encoded.get(), vector.text, length));
-        EXPECT_STREQ(vector.encoded, encoded.get());
+        EXPECT_EQ(COM_Base64Encode(encoded.get(), vector.text, length),
+                  static_cast<int>(strlen(vector.encoded)));
+        EXPECT_STREQ(encoded.get(), vector.encoded);
     }
     const struct {
         const char *encoded, *text;
@@ -37,31 +37,34 @@ TEST(Common, Base64FollowsTheStandardAndDecodesLeniently) {
     for (const auto &sample : kLenient) {
         const HeapBlock<char> out = ZeroedBlock(strlen(sample.encoded));
         const int length = COM_Base64Decode(out.get(), sample.encoded);
-        EXPECT_EQ(sample.text, std::string(out.get(), static_cast<size_t>(length)));
+        EXPECT_EQ(std::string(out.get(), static_cast<size_t>(length)), sample.text);
     }
-    EXPECT_EQ(63, COM_Chr2Base('/'));
+    EXPECT_EQ(COM_Chr2Base('/'), 63);
     for (const int outside : {int{'='}, -1, 256 + 'A'}) {
-        EXPECT_EQ(64, COM_Chr2Base(outside));
+        EXPECT_EQ(COM_Chr2Base(outside), 64);
     }
     char bounded[2];
-    EXPECT_EQ(2, DecodeBase64(bounded, sizeof bounded, "Zm9vYmFy", 8));
-    EXPECT_EQ(1, DecodeBase64(bounded, sizeof bounded, "ZmXXXX", 2));
+    EXPECT_EQ(DecodeBase64(bounded, sizeof bounded, "Zm9vYmFy", 8), 2);
+    EXPECT_EQ(DecodeBase64(bounded, sizeof bounded, "ZmXXXX", 2), 1);
 }
 
 TEST(Common, AGrowingBufferIsZeroedBehindTheOffsetAndRefusesWhatDoesNotFit) {
     void *block = nullptr;
     ASSERT_TRUE(COM_ReallocAndCopyBuf(4, &block, 0, "abcd", 4));
     ASSERT_TRUE(COM_ReallocAndCopyBuf(8, &block, 2, "X", 1));
-    EXPECT_EQ(0, memcmp(block, "abX\0\0\0\0\0", 8));
+    EXPECT_EQ(memcmp(block, "abX\0\0\0\0\0", 8), 0);
     void *before = block;
-    for (const int length : {9, -1}) {
-        const std::string output = OutputOf(
-            [&] { EXPECT_EQ(nullptr, COM_ReallocAndCopyBuf(8, &block, 0, "too much", length)); });
-        EXPECT_NE(std::string::npos, output.find("REALLOC(8) failed : ")) << output;
+    const struct { int offset, length; } refused[] = {{0, 9}, {0, -1}, {2, 7}, {-1, 1}};
+    for (const auto &row : refused) {
+        const std::string output = OutputOf([&] {
+            EXPECT_EQ(COM_ReallocAndCopyBuf(8, &block, row.offset, "too much", row.length),
+                      nullptr);
+        });
+        EXPECT_SAYS(output, "REALLOC(8) failed : ");
     }
-    EXPECT_EQ(before, block);
+    EXPECT_EQ(block, before);
     free(block);
-    EXPECT_EQ(-1, COM_XorBuffer(nullptr, 3));
+    EXPECT_EQ(COM_XorBuffer(nullptr, 3), -1);
 }
 
 TEST(Common, ATimeDifferenceIsNormalised) {
@@ -73,30 +76,28 @@ TEST(Common, ATimeDifferenceIsNormalised) {
                   {{5, 2500000}, {5, 0}, {2, 500000}, 0}};
     for (auto c : kCases) {
         timeval result;
-        EXPECT_EQ(c.negative, COM_DiffTimeval(&result, &c.later, &c.earlier));
-        EXPECT_EQ(c.result.tv_sec, result.tv_sec);
-        EXPECT_EQ(c.result.tv_usec, result.tv_usec);
+        EXPECT_EQ(COM_DiffTimeval(&result, &c.later, &c.earlier), c.negative);
+        EXPECT_EQ(result.tv_sec, c.result.tv_sec);
+        EXPECT_EQ(result.tv_usec, c.result.tv_usec);
     }
 }
 
 TEST(Common, ABreakThatSignalsCutShortIsMadeUpWithinItsLimit) {
-    EXPECT_EQ("", OutputOf([] { EXPECT_EQ(0, COM_TakeABreak({0, 20000000}, 10)); }));
-    EXPECT_NE(std::string::npos, OutputOf([] {
-                                     EXPECT_EQ(0, COM_TakeABreak({0, 0}, 0));
-                                 }).find("Woops! timeout = 0\n"));
+    EXPECT_SAYS(OutputOf([] { EXPECT_EQ(COM_TakeABreak({0, 20000000}, 10), 0); }), "");
+    EXPECT_SAYS(OutputOf([] { EXPECT_EQ(COM_TakeABreak({0, 0}, 0), 0); }), "Woops! timeout = 0\n");
     struct sigaction handler {};
     handler.sa_handler = [](int) {};
     sigaction(SIGALRM, &handler, nullptr);
     const itimerval often{{0, 2000}, {0, 2000}};
     setitimer(ITIMER_REAL, &often, nullptr);
-    const std::string output = OutputOf([] { EXPECT_EQ(3, COM_TakeABreak({5, 0}, 3)); });
+    const std::string output = OutputOf([] { EXPECT_EQ(COM_TakeABreak({5, 0}, 3), 3); });
     // A wait for a socket goes on, and takes its time.
     timeval wait{0, 30000};
     EXPECT_EQ(WaitForSocket(-1, POLLIN, &wait), 0);
     EXPECT_EQ(wait.tv_usec, 0);
     const itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
-    EXPECT_NE(std::string::npos, output.find(": Woops! timeout = 3\n")) << output;
+    EXPECT_SAYS(output, ": Woops! timeout = 3\n");
 }
 
 TEST(Common, QuotedValuesAreFoundBehindTheirKeyAndCut) {
@@ -113,12 +114,11 @@ TEST(Common, QuotedValuesAreFoundBehindTheirKeyAndCut) {
     for (const auto &c : kCases) {
         char out[9] = "before";
         const std::string output = OutputOf([&] {
-            EXPECT_EQ(c.found, COM_GetStrInDoubleQuotes(c.text, c.key, out, 8) != nullptr)
+            EXPECT_EQ(COM_GetStrInDoubleQuotes(c.text, c.key, out, 8) != nullptr, c.found)
                 << c.text;
         });
-        EXPECT_STREQ(c.value, out);
-        EXPECT_EQ(strlen(c.value) == 8,
-                  output.find("Warning! overflow (len, size) = (9, 8)\n") != std::string::npos);
+        EXPECT_STREQ(out, c.value);
+        EXPECT_EQ(Holds(output, "Warning! overflow (len, size) = (9, 8)\n"), strlen(c.value) == 8);
     }
     const struct {
         const char *text, *value;
@@ -128,20 +128,18 @@ TEST(Common, QuotedValuesAreFoundBehindTheirKeyAndCut) {
     for (const auto &c : kLines) {
         char out[8] = "";
         OutputOf([&] {
-            EXPECT_EQ(c.value != nullptr,
-                      COM_GetStrBeforeNewLine(c.text, "ID=[", out, sizeof out) != nullptr);
+            EXPECT_EQ(COM_GetStrBeforeNewLine(c.text, "ID=[", out, sizeof out) != nullptr,
+                      c.value != nullptr);
         });
-        EXPECT_STREQ(c.value ? c.value : "", out);
+        EXPECT_STREQ(out, c.value ? c.value : "");
     }
-    EXPECT_EQ(nullptr, COM_StrNCaseStr(nullptr, "x"));
-    EXPECT_STREQ("text", COM_StrNCaseStr("text", ""));
+    EXPECT_EQ(COM_StrNCaseStr(nullptr, "x"), nullptr);
+    EXPECT_STREQ(COM_StrNCaseStr("text", ""), "text");
 }
 
 TEST(Common, ASocketThatIsGoneTakesNoTimeout) {
-    EXPECT_NE(std::string::npos,
-              OutputOf([] {
-                  EXPECT_EQ(-1, COM_SetSocketTimeout(-1, 5));
-              }).find("(): setsockopt(-1, SO_SNDTIMEO, 5 sec) failed - Bad file descriptor\n"));
+    EXPECT_SAYS(OutputOf([] { EXPECT_EQ(COM_SetSocketTimeout(-1, 5), -1); }),
+                "(): setsockopt(-1, SO_SNDTIMEO, 5 sec) failed - Bad file descriptor\n");
 }
 
 TEST(Common, NothingThatSteersATerminalIsLeft) {

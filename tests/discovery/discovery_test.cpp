@@ -59,9 +59,9 @@ TEST(Package, IsBuiltFromTheUnitsOwnRecord) {
     for (const auto &row : kRows) {
         char package[discovery::kPackageSize] = "";
         int result = 0;
-        ExpectSaid(row.message, OutputOf([&] {
-                       result = TQ_CreatePackage(row.device, row.type, package, row.info);
-                   }));
+        EXPECT_SAYS(
+            OutputOf([&] { result = TQ_CreatePackage(row.device, row.type, package, row.info); }),
+            row.message);
         EXPECT_EQ(result, row.text.empty() ? -1 : 0) << row.type;
         EXPECT_EQ(package, row.text.empty() ? "" : Encode(row.text));
     }
@@ -121,7 +121,7 @@ TEST(Package, IsParsedFieldByField) {
             EXPECT_EQ(TQ_ParserPackage(Encode(row.text).c_str(), &record), row.type) << row.text;
         });
         EXPECT_EQ(record.note, row.note) << row.text;
-        ExpectSaid(row.message.empty() ? "" : "TQ_ParserPackage(): " + row.message, output);
+        EXPECT_SAYS(output, row.message.empty() ? "" : "TQ_ParserPackage(): " + row.message);
     }
     UnitInfo record{};
     EXPECT_EQ(TQ_ParserPackage(nullptr, &record), -1);
@@ -162,7 +162,7 @@ TEST(Broadcast, RefusesWhatDoesNotFit) {
         const std::string output = OutputOf(
             [&] { result = COM_SendUDPBroadcast(row.device, 6667, data.data(), row.size); });
         EXPECT_EQ(result, row.result) << row.size;
-        ExpectSaid(row.message, output);
+        EXPECT_SAYS(output, row.message);
     }
 }
 

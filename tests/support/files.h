@@ -33,12 +33,6 @@ std::string OutputOf(Call call) {
     return testing::internal::GetCapturedStdout();
 }
 
-// Expects a message in what was printed; an empty one: that nothing was.
-inline void ExpectSaid(const std::string &message, const std::string &output) {
-    EXPECT_TRUE(message.empty() ? output.empty() : output.find(message) != std::string::npos)
-        << "[" << message << "] in [" << output << "]";
-}
-
 // Messages without their line numbers.
 inline std::string Shorten(const std::string &log) {
     return std::regex_replace(log, std::regex("(^|\n)(\\w+),\\d+:"), "$1$2:");
@@ -71,5 +65,8 @@ inline bool Holds(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-// Expects a text, such as what was printed, to hold another.
-#define EXPECT_SAYS(text, part) EXPECT_PRED2(Holds, text, part)
+// Whether a message was printed; an empty one: whether nothing was.
+inline bool Says(const std::string &output, const std::string &message) {
+    return message.empty() ? output.empty() : Holds(output, message);
+}
+#define EXPECT_SAYS(output, message) EXPECT_PRED2(Says, output, message)

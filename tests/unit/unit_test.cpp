@@ -58,7 +58,7 @@ TEST(Identity, HasItsFailureValuesAndMessages) {
     for (const auto &row : kRows) {
         Shell(row.change);
         char value[8] = "";
-        ExpectSaid(row.message, OutputOf([&] { EXPECT_EQ(row.get(value, sizeof value), -1); }));
+        EXPECT_SAYS(OutputOf([&] { EXPECT_EQ(row.get(value, sizeof value), -1); }), row.message);
         EXPECT_STREQ(value, row.value) << row.change;
     }
 }
@@ -112,10 +112,10 @@ TEST(UnitInfo, CountsItsFailures) {
     EXPECT_EQ(COM_GetUnitInfo(&record, "eth0"), -2);
     EXPECT_STREQ(record.trigger_port, "80");
     EXPECT_STREQ(record.gateway, "000.000.000.000");
-    ExpectSaid("", OutputOf([] { COM_ShowAllUnitInfo(0, nullptr); }));
+    EXPECT_SAYS(OutputOf([] { COM_ShowAllUnitInfo(0, nullptr); }), "");
     const std::string shown = OutputOf([&] { COM_ShowAllUnitInfo(1, &record); });
     EXPECT_TRUE(shown.starts_with("[1/1]\nCOMMON,")) << shown;
-    ExpectSaid(": (ip, trigger_port, netmask) = (192.168.1.20, 80, 255.255.255.0)\n", shown);
+    EXPECT_SAYS(shown, ": (ip, trigger_port, netmask) = (192.168.1.20, 80, 255.255.255.0)\n");
 }
 
 TEST(NetInfo, GivesEveryFactInEveryForm) {
@@ -220,7 +220,7 @@ TEST(NetInfo, HasItsFailureValues) {
         const std::string printed = OutputOf(
             [&] { EXPECT_EQ(COM_GetNetInfo(row.selector, row.device, output.data()), -1); });
         EXPECT_EQ(output, row.value + "####") << row.selector;
-        ExpectSaid(row.message, printed);
+        EXPECT_SAYS(printed, row.message);
     }
     Shell("ip link del eth7");
 }
@@ -273,8 +273,8 @@ TEST(NetInfo, MapsDeviceNames) {
         EXPECT_EQ(COM_ConvertNetDevName(same), same);
     }
     Shell("rm /etc/network/interfaces");
-    ExpectSaid("COM_ConvertNetDevName(): fopen(/etc/network/interfaces) error : No such",
-               OutputOf([] { EXPECT_STREQ(COM_ConvertNetDevName("auto"), "eth0"); }));
+    EXPECT_SAYS(OutputOf([] { EXPECT_STREQ(COM_ConvertNetDevName("auto"), "eth0"); }),
+                "COM_ConvertNetDevName(): fopen(/etc/network/interfaces) error : No such");
 }
 
 TEST(Interfaces, AreListedInTheKernelsOrder) {
@@ -287,13 +287,13 @@ TEST(Interfaces, AreListedInTheKernelsOrder) {
         EXPECT_STREQ(list[i].text, kNames[i]);
     }
     NetDeviceName *same = list;
-    ExpectSaid("COM_GetDeviceFromProc(): Warnning!! (*pBuf != NULL)\n",
-               OutputOf([&] { EXPECT_EQ(COM_GetAllNetDevice(&list), -1); }));
+    EXPECT_SAYS(OutputOf([&] { EXPECT_EQ(COM_GetAllNetDevice(&list), -1); }),
+                "COM_GetDeviceFromProc(): Warnning!! (*pBuf != NULL)\n");
     EXPECT_EQ(list, same);
     free(list);
     list = nullptr;
-    ExpectSaid("fopen(/none) error : No such file",
-               OutputOf([&] { EXPECT_EQ(COM_GetDeviceFromProc(&list, "/none"), -1); }));
+    EXPECT_SAYS(OutputOf([&] { EXPECT_EQ(COM_GetDeviceFromProc(&list, "/none"), -1); }),
+                "fopen(/none) error : No such file");
 }
 
 TEST(Interfaces, AnAddressMayBringItsMask) {
@@ -323,6 +323,6 @@ TEST(Interfaces, AnAddressMayBringItsMask) {
             [&] { EXPECT_EQ(COM_ConvertNetworkAddr(row.text, &address, &mask), row.result); });
         EXPECT_EQ(address, inet_addr(row.address)) << row.text;
         EXPECT_EQ(mask, row.mask) << row.text;
-        ExpectSaid(row.message, output);
+        EXPECT_SAYS(output, row.message);
     }
 }

@@ -271,6 +271,7 @@ TEST(Editors, AreNotCutShort) {
         WriteFile("/tmp/resolver", "nameserver 1.1.1.1\n");
         const pid_t child = fork();
         if (child == 0) {
+            std::signal(signal, SIG_DFL);  // whatever started the tests
             const config::StanzaWriter write = [](int out, void *context) {
                 raise(*static_cast<int *>(context));
                 return config::ReplaceNameServer("/tmp/resolver", "2") == 1 &&

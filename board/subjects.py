@@ -251,20 +251,20 @@ def init_script(report, _):
             found(desk, board)
 
 
-# They signal "init", which on a board is the real one.
-HALTING = "-Watchdog*:Process.Signals*"
+# The rooms whose tests run here, and those of them that don't: they signal "init", which is the real one, or need what a
+# board hasn't (pairs of interfaces, a file system that lies). The tests of unit and net wait for programs that it hasn't.
+LEFT_OUT = {"common": "", "frame": "", "discovery": "Broadcast.ThroughAKept*:Broadcast.AStuck*",
+            "config": "Watchdog*:Process.Signals*:Editors.SayWhatFails*"}
 
 
 def unit_tests(report, _):
-    with lan.Lan() as net:
-        with Board(net, "unit", "192.168.1.20/24", tests=CACHE / "tests.ext2") as board:
-            board.run("mount -t ext2 -o ro /dev/vda /opt && export LD_LIBRARY_PATH=/opt/lib")
-            for program in board.run("ls /opt").split():
-                if not program.endswith("_tests"):
-                    continue
-                with report.line(program) as details:
-                    text = board.run(f"/opt/{program} --gtest_filter='{HALTING}' >/tmp/log 2>&1; tail -n 40 /tmp/log",
-                                     patience=100)
-                    passed = re.search(r"\[  PASSED  \] (\d+) test", text)
-                    assert passed and "FAILED" not in text, text
-                    details.append(f"{passed[1]} tests")
+    for room, left_out in LEFT_OUT.items():
+        with lan.Lan() as net, report.line(f"unit tests of {room}") as details:
+            with Board(net, "unit", "192.168.1.20/24", mac="02:00:5E:00:53:01", tests=CACHE / "tests.ext2") as board:
+                board.run("mount -t ext2 -o ro /dev/vda /opt && export LD_LIBRARY_PATH=/opt/lib")
+                board.run(f"timeout 150 /opt/{room}_tests --gtest_filter='-{left_out}' >/tmp/log 2>&1; true",
+                          patience=200)
+                passed = re.search(r"\[  PASSED  \] (\d+) test", board.run("tail -n 20 /tmp/log"))
+                failed = board.run("grep -A 12 -E 'Failure$|FAILED|Aborted|terminate' /tmp/log; tail -n 3 /tmp/log", check=False)
+                assert passed and "FAILED" not in failed, failed
+                details.append(f"{passed[1]} tests")

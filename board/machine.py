@@ -149,10 +149,10 @@ class Board:
 
     def restart_tq(self):
         """A new server, which accepts one setup."""
-        self.run("/etc/init.d/tq restart; true")
+        self.run("/etc/init.d/tq restart; true", patience=180)  # a minute after a TCP list the port is free
         self.wait_tq()
 
-    def wait_tq(self, seconds=20):
+    def wait_tq(self, seconds=90):
         lan.wait_until(lambda: self.status("/etc/init.d/tq status") == 0, seconds, self.log)
 
     def messages(self):

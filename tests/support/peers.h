@@ -22,9 +22,12 @@ struct BoundSocket {
         : fd(socket(AF_INET, type | SOCK_CLOEXEC, 0)), address(InternetAddress(htonl(host), port)) {
         const int reuse = port != 0;
         setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+        // The kernel may close a killed server's sockets some time after the process has gone.
+        for (int i = 0; i < 50 && !BindWhenFree(fd.get(), address); ++i) {
+        }
         socklen_t size = sizeof address;
-        EXPECT_EQ(bind(fd.get(), AsSockaddr(address), size), 0);
-        getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size);
+        EXPECT_EQ(getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size), 0);
+        EXPECT_NE(address.sin_port, 0) << strerror(errno);
     }
     UniqueFd fd;
     sockaddr_in address;

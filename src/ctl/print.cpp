@@ -433,7 +433,7 @@ void ExplainMarks(Survey &survey) {
     if (partial) {
         fputs(
             "An answer has eleven fields: a comma in one of its texts makes more, an empty one "
-            "makes less.\n",
+            "makes fewer.\n",
             stderr);
     }
     for (int i = 0; i < survey.silentCount(); ++i) {

@@ -120,8 +120,8 @@ TEST(UnitInfo, CountsItsFailures) {
 
 TEST(NetInfo, GivesEveryFactInEveryForm) {
     Shell(
-        "ip route add default via 192.168.1.1 && ip neigh replace 192.168.1.77 lladdr "
-        "0a:1b:2c:3d:4e:5f dev eth0");
+        "ip route add 0.0.0.0/1 via 192.168.1.9 && ip route add default via 192.168.1.1 && "
+        "ip neigh replace 192.168.1.77 lladdr 0a:1b:2c:3d:4e:5f dev eth0");
     WriteFile("/etc/resolv.conf", "#nameserver 10.0.0.1\nnameserver\t10.0.0.2 x\n");
     const std::string zero(1, '\0');
     const struct {
@@ -190,7 +190,10 @@ TEST(NetInfo, GivesEveryFactInEveryForm) {
     int32_t mtu = 0;
     EXPECT_EQ(COM_GetNetInfo(NETINFO_MTU, "eth0", &mtu), 0);
     EXPECT_EQ(mtu, 1500);
-    Shell("ip route del default");
+    char mac[18];
+    COM_GetNetInfo(NETINFO_ARP_MAC_COLON, "192.168.1.7", mac);
+    EXPECT_STREQ(mac, "00:00:00:00:00:00") << "of an address that another one begins with";
+    Shell("ip route del default && ip route del 0.0.0.0/1");
 }
 
 TEST(NetInfo, HasItsFailureValues) {

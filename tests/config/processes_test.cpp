@@ -93,8 +93,8 @@ TEST(Process, SignalsByNameHitTheRightOneAmongDecoys) {
     EXPECT_EQ(EndOf(other), 0);
     EXPECT_EQ(COM_KillProcbyName(nullptr, nullptr), -1);
 
-    const pid_t first = StartDecoy("init-one"), later = StartDecoy("init-two"),
-                inside = StartDecoy("/sbin/init");
+    const pid_t inside = StartDecoy("/sbin/init"), first = StartDecoy("init-one"),
+                later = StartDecoy("init-two");
     EXPECT_EQ(
         SaidBy("COMMON,COM_SendSignal", [] { EXPECT_EQ(COM_SendSignal("init", 0, SIGUSR1), 0); }),
         "[pid:" + std::to_string(getpid()) + "] - kill(" + std::to_string(first) + "[init], 10)\n");

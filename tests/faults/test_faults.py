@@ -264,6 +264,27 @@ def test_file_systems_have_no_room_for_a_byte_more(net):
     assert host.run("cat /etc/resolv.conf") == ("nameserver 10.0.0.53\n" + texts[1][19:])[:4096]
 
 
+@pytest.mark.parametrize("brand", [3, 16])
+def test_blocks_that_cannot_be_read(net, brand):
+    """A file that is read in part is never taken for the whole."""
+    host = unit(net, brand=brand)
+    long = "# a long file\n" * 400
+    for name, files in ((NETFILE[brand], ("old", "new", False)), ("etc/resolv.conf", ("new", "old", brand == 16))):
+        begin(host, interfaces=INTERFACES + "\n" + long)
+        host.write({"etc/resolv.conf": RESOLVER + long})
+        strace = [*host.nsenter, "strace", "-o", "/dev/null", "-P", f"{host.path(name)}", "-P", f"/{name}", "-e",
+                  "inject=read:error=EIO:when=2", "-p", host.run("cat /var/run/TQ.pid")]
+        with subprocess.Popen(strace, stderr=subprocess.PIPE) as tracer:
+            tracer.stderr.readline()
+            said = serve(net, host, change(host))[1]
+            host.run("kill -9 $(cat /var/run/TQ.pid)")  # the tracer goes with it
+        assert f"fgets(/{name}) failed : Input/output error\n" in said
+        texts = {NETFILE[brand]: INTERFACES + "\n" + long, "etc/resolv.conf": RESOLVER + long}
+        assert [host.path(n).read_text() for n in texts] == [
+            renewed(text) if state == "new" else text for text, state in zip(texts.values(), files)]
+        assert host.path("var/networking").exists() == files[2]
+
+
 LEFT_BY_A_KILL = {
     ("old", "old", ""), ("old", "old", "/tmp/TQ "), ("old", "old", "/tmp/TQ /var/COM "),
     ("old", "new, empty lines", "/tmp/TQ /var/COM "), ("old", "new", "/tmp/TQ /var/COM "),

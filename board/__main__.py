@@ -29,7 +29,8 @@ def main(words):
     report = Report()
     for name in options.subjects or SUBJECTS:
         report.subject = name
-        SUBJECTS[name](report, options)
+        with report.line("was gone through"):
+            SUBJECTS[name](report, options)
     return report.summary()
 
 

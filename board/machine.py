@@ -149,11 +149,12 @@ class Board:
 
     def restart_tq(self):
         """A new server, which accepts one setup."""
-        self.run("/etc/init.d/tq restart; true", patience=180)  # a minute after a TCP list the port is free
-        self.wait_tq()
+        self.run("/etc/init.d/tq restart; true", patience=180)
+        self.wait_tq((0, 4))
 
-    def wait_tq(self, seconds=90):
-        lan.wait_until(lambda: self.status("/etc/init.d/tq status") == 0, seconds, self.log)
+    def wait_tq(self, serving=(0,), seconds=90):
+        """4: after a TCP list request that port is taken for a minute, and a server started meanwhile has UDP alone."""
+        lan.wait_until(lambda: self.status("/etc/init.d/tq status") in serving, seconds, self.log)
 
     def messages(self):
         return self.run("cat /var/log/TQ.log")

@@ -237,7 +237,8 @@ def init_script(report, _):
         with Board(net, "board", "192.168.1.31/24") as board, report.line("/etc/init.d/tq under ash"):
 
             def running():
-                return board.run("pidof TQ; true").split()
+                # Not by name: what has ended keeps that until init has looked after it.
+                return board.run("ls -l /proc/[0-9]*/exe 2>/dev/null | grep -e '-> /usr/sbin/TQ$'; true").splitlines()
 
             assert board.status(f"{script} status") == 3
             for command, processes in ("start", 2), ("start", 2), ("restart", 2), ("stop", 0), ("stop", 0), ("start", 2):

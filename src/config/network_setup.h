@@ -1,8 +1,8 @@
 // Applying network settings that came with a native setup package.
 #pragma once
 
+#include "common/unit_record.h"
 #include "config/config_file.h"
-#include "unit/unit_info.h"
 
 // Rewrites the stanza of the interface `request->dev` in the interfaces file, puts `request->dns`
 // into the resolver file, and runs the configured commands. `request->note` is the address method:

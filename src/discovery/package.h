@@ -7,7 +7,7 @@
 #include <span>
 
 #include "common/base64.h"
-#include "unit/unit_info.h"
+#include "common/unit_record.h"
 
 enum TQ_PackageType : int {
     TQ_PACKAGE_QUERY = 0,          // asks every unit for its record; carries the sender's model

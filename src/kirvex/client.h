@@ -1,7 +1,7 @@
 // The client side of two KIRVEX operations, for tools that manage units.
 #pragma once
 
-#include "unit/unit_info.h"
+#include "common/unit_record.h"
 
 // Broadcasts a search on an interface (null: "eth0") and collects answers for a second. Each is
 // appended to *list, a malloc array that the caller frees; it must be null on entry. Returns the

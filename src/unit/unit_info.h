@@ -1,22 +1,7 @@
-// The record of one unit (one appliance on the LAN).
+// This unit's own record, and records on the screen.
 #pragma once
 
-#include <cstdint>
-
-struct UnitInfo {
-    char model[32];
-    char proj[32];
-    char name[64];
-    char ip[16];
-    char trigger_port[8];
-    char netmask[16];
-    char gateway[16];
-    char dns[16];
-    char mac[24];
-    char dev[16];
-    char note[64];
-    int32_t mtu;
-};
+#include "common/unit_record.h"
 
 // Fills the record for one interface (null: "eth0"). The caller zeroes it before the first filling;
 // a record that is filled again without that gets each identity text appended to the one it holds.

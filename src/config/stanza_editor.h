@@ -25,8 +25,7 @@ struct StanzaEdit {
 
 // Replaces each stanza whose interface name begins with `device` (so eth0 also finds eth0:1), from
 // its "iface" line to the next line that begins with "iface" or "auto". Other lines stay; a file
-// without such a stanza stays as it is. Returns 0 when
-// the new text is on the disk, or -1.
+// without such a stanza stays as it is. Returns 0 when the new text is on the disk, or -1.
 [[nodiscard]] int ReplaceStanza(const StanzaEdit &wanted);
 
 // Writes "iface DEVICE inet dhcp" with a hostname line, or without one when `hostname` is null.

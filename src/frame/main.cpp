@@ -1,3 +1,4 @@
+// TQ reads its options and becomes a client, or a server and perhaps a watchdog.
 #include <fcntl.h>
 #include <unistd.h>
 

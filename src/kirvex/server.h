@@ -14,6 +14,6 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device);
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int port, int *sock,
                                       sockaddr_in *address);
 
-// Checks a request and has it answered. Returns the result of the
-// operation, or -1 when the request was ignored.
+// Checks a request and has it answered. Returns the result of the operation, or -1 when the request
+// was ignored.
 int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx::Request packet);

@@ -11,7 +11,6 @@ int KIRVEX_Reply_SetBasicInfo(const char *device, int sock, const sockaddr_in &s
                               kx::Request request);
 
 // Rewrites the stanza of an interface in "/mtd1/interfaces" and, for fixed addresses, the first
-// name server of "/etc/resolv.conf", from a settings block. Returns
-// 0; -1 on failure, also when the resolver file has no name server to replace, and the stanza then
-// stays as it was.
+// name server of "/etc/resolv.conf", from a settings block. Returns 0; -1 on failure, also when the
+// resolver file has no name server to replace, and the stanza then stays as it was.
 int KIRVEX_NetWorkSetup(const char *device, kx::SettingsBlock settings);

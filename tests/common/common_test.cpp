@@ -1,3 +1,4 @@
+// The small helpers: Base64, buffers, texts, pauses, and what a terminal must not see.
 #include <poll.h>
 #include <sys/time.h>
 

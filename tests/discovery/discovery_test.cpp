@@ -1,3 +1,4 @@
+// The native protocol: packages, broadcasts, the client's list, and whom a setup is for.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 

@@ -1,3 +1,5 @@
+// User verification and the change of a password, with a web server that works, breaks or never
+// ends.
 #include "kirvex/account.h"
 
 #include <map>

@@ -1,3 +1,4 @@
+// The search and the setup that tools make, against the real server and against hostile replies.
 #include "kirvex/client.h"
 
 #include "common/owners.h"

@@ -1,3 +1,4 @@
+// What the KIRVEX server answers, refuses, and keeps from one request to the next.
 #include "kirvex/server.h"
 
 #include <ctime>

@@ -1,3 +1,4 @@
+// A setup by KIRVEX: files, reply, restart, in this order or not at all.
 #include "kirvex/set_basic_info.h"
 
 #include "kirvex/account.h"

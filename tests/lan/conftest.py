@@ -1,3 +1,5 @@
+"""What every end-to-end test gets."""
+
 import lan
 import pytest
 

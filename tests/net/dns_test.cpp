@@ -1,3 +1,4 @@
+// The resolver's queries and replies, byte by byte and with a real name server.
 #include "net/dns.h"
 
 #include <bit>

@@ -1,3 +1,4 @@
+// Basic and Digest authorization as it goes out, and challenges as they come in.
 #include "net/http_auth.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// The HTTP client's requests, answers in any pieces, and waits.
 #include "net/http.h"
 
 #include <signal.h>

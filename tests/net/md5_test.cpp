@@ -1,3 +1,4 @@
+// The digest, beside md5sum's.
 #include "net/md5.h"
 
 #include "support/files.h"

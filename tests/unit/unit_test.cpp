@@ -1,3 +1,4 @@
+// What a unit says of itself: identity files, network facts, interfaces.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 

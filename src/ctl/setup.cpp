@@ -188,8 +188,8 @@ static bool SendSetup(Session &session, const UnitInfo &setup) {
     const size_t size = discovery::EncodeUnit(TQ_PACKAGE_NETWORK_SETUP, setup, package);
     const Survey &survey = session.survey;
     if (survey.HasPacketRight()) {
-        return SendToStation(survey.packetSocket(), session.link().index, session.unit.mac,
-                             TQ_SERVER_PORT, package, size) == 0;
+        return discovery::SendToStation(survey.packetSocket(), session.link().index,
+                                        session.unit.mac, TQ_SERVER_PORT, package, size) == 0;
     }
     return SendUdp(survey.nativeSocket(session.unit.link), session.unit.ip, TQ_SERVER_PORT, package,
                    size);

@@ -59,8 +59,8 @@ bool Survey::QueryOn(int link) {
     char query[discovery::kPackageSize];
     const size_t size = discovery::EncodeQuery(kQueryModel, query);
     Search(ends_[link].kirvex.get());
-    return (packet_ && SendToStation(packet_.get(), links_.link[link].index, kEveryStation,
-                                     TQ_SERVER_PORT, query, size) == 0) ||
+    return (packet_ && discovery::SendToStation(packet_.get(), links_.link[link].index,
+                                                kEveryStation, TQ_SERVER_PORT, query, size) == 0) ||
            SendUdp(ends_[link].native.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
 }
 

@@ -242,8 +242,8 @@ int discovery::BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const c
     return 0;
 }
 
-int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, const void *data,
-                  size_t size) {
+int discovery::SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port,
+                             const void *data, size_t size) {
     if (size > kBroadcastPayloadSize) {
         errno = EMSGSIZE;
         return -1;

@@ -27,13 +27,13 @@ namespace discovery {
 int BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const char *device, uint16_t port,
                      std::string_view payload);
 
-}  // namespace discovery
-
 // Sends `size` bytes from and to a UDP port, from 0.0.0.0 to 255.255.255.255, through a packet
 // socket to one station of a link alone: `interface` is its index, `mac` 6 bytes. Prints nothing.
 // Returns 0, or -1 with errno set.
 int SendToStation(int sock, int interface, const uint8_t *mac, uint16_t port, const void *data,
                   size_t size);
+
+}  // namespace discovery
 
 // The Internet checksum (RFC 1071) of `length` bytes, ready to be stored big-endian. An odd last
 // byte counts as the high byte of a word whose low byte is 0.

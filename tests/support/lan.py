@@ -138,6 +138,8 @@ echo "brandid : $2" >../cpuinfo && mount --bind ../cpuinfo proc/cpuinfo
 touch opt/TQ && mount --bind "$3" opt/TQ
 printf '#!/bin/sh\\necho "$@" >>/var/networking\\n' >etc/init.d/networking && chmod 755 etc/init.d/networking
 hostname "${1##*/}"
+# A dissector takes the ports from 33434 on for a traceroute's, and says so.
+echo 40000 60999 >/proc/sys/net/ipv4/ip_local_port_range
 echo ready
 exec chroot . bash -c 'exec -a init sh -c "$0" >/dev/null 2>&1' "$5"
 """

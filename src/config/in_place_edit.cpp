@@ -31,6 +31,7 @@ InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
                          const MessageOrigin &origin)
     : path_(path), rules_(rules), origin_(origin) {
     CopyText(temporary_, rules.temporaryFile);
+    // It stays open: the same name may stand for somebody else's file a moment later.
     copy_.reset(mkostemp(temporary_, O_CLOEXEC));
     if (!copy_) {
         temporary_[0] = '\0';

@@ -115,6 +115,7 @@ static void ExpandCommand(const char *text, char *command, size_t size) {
     TQ_LOG_FOR((MessageOrigin{kSource, "TQ_WatchdogRerun"}), "Child : Rerun [%s] at %" PRId64 "\n",
                command, due);
     fflush(stdout);
+    // Whatever the daemon's launcher left open is not the command's to read or write.
     COM_CloseFdExceptSTD(getpid());
     config::SetTerminalSignals(SIG_DFL);
     // What the command made of itself is its own affair.

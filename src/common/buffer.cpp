@@ -15,7 +15,7 @@ void *COM_ReallocAndCopyBuf(int newSize, void **buffer, int offset, const void *
     errno = fits ? errno : EINVAL;
     void *grown = fits ? realloc(*buffer, static_cast<size_t>(newSize)) : nullptr;
     if (!grown) {
-        TQ_LOG("REALLOC(%d) failed : %s\n", newSize, strerror(errno));
+        TQ_LOG("REALLOC(%d) failed : %m\n", newSize);
         return nullptr;
     }
     uint8_t *bytes = static_cast<uint8_t *>(grown);

@@ -66,7 +66,7 @@ int AppendFirstLine(const char *path, char *buf, int length, int room) {
     if (file) {
         result = ReadFirstLine(file.get(), buf, length, room);
     } else if (errno != ENOENT) {
-        TQ_LOG_FOR(kOrigin, "open(%s) error : %s\n", path, strerror(errno));
+        TQ_LOG_FOR(kOrigin, "open(%s) error : %m\n", path);
     }
     if (result == -1) {
         WriteUnknown(buf, length);

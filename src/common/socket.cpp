@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 
 #include "common/clock.h"
@@ -15,11 +14,11 @@ static constexpr char kSource[] = "COMMON";
 int COM_SetSocketTimeout(int sock, int seconds) {
     const timeval limit{seconds, 0};
     if (setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == -1) {
-        TQ_LOG("setsockopt(%d, SO_SNDTIMEO, %d sec) failed - %s\n", sock, seconds, strerror(errno));
+        TQ_LOG("setsockopt(%d, SO_SNDTIMEO, %d sec) failed - %m\n", sock, seconds);
         return -1;
     }
     if (setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == -1) {
-        TQ_LOG("setsockopt(%d, SO_RCVTIMEO, %d sec) failed - %s\n", sock, seconds, strerror(errno));
+        TQ_LOG("setsockopt(%d, SO_RCVTIMEO, %d sec) failed - %m\n", sock, seconds);
         return -1;
     }
     return 0;

@@ -82,7 +82,7 @@ int COM_System(const char *command, pid_t *pid) {
     }
     int result = -1;
     if (child == -1) {
-        TQ_LOG("fork() failed : %s\n", strerror(errno));
+        TQ_LOG("fork() failed : %m\n");
     } else {
         if (pid) {
             *pid = child;
@@ -121,7 +121,7 @@ int COM_ParserCMD(const char *command) {
     if (count > 0) {
         result = execv(words[0], words.data());
     }
-    TQ_LOG("[%s] error : %s\n", words[0] ? words[0] : "", strerror(errno));
+    TQ_LOG("[%s] error : %m\n", words[0] ? words[0] : "");
     return result;
 }
 
@@ -130,7 +130,7 @@ void COM_CloseFdExceptSTD(pid_t pid) {
     snprintf(path, sizeof path, "/proc/%d/fd", pid);
     const UniqueDir directory(opendir(path));
     if (!directory) {
-        TQ_LOG("opendir(%s) error : %s\n", path, strerror(errno));
+        TQ_LOG("opendir(%s) error : %m\n", path);
         return;
     }
     // The list itself is read through a descriptor, which goes last.

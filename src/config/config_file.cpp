@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "common/owners.h"
@@ -61,7 +60,7 @@ int TQ_ParsetCfg(TQ_Cfg *cfg) {
     // Read once, at the start, and possibly from a pipe on purpose: one that is waited for.
     const UniqueFile file = OpenFile(cfg->pCfgFile, "r");
     if (!file) {
-        TQ_LOG("fopen(%s) error : %s\n", cfg->pCfgFile, strerror(errno));
+        TQ_LOG("fopen(%s) error : %m\n", cfg->pCfgFile);
         return -1;
     }
     TQ_LOG("pCfgFile = [%s]\n", cfg->pCfgFile);

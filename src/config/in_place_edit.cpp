@@ -38,14 +38,14 @@ InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
         if (!rules.goesOnWithoutCopy) {
             return;
         }
-        TQ_LOG_FOR(origin_, "mkstemp() failed : %s\n", strerror(errno));
+        TQ_LOG_FOR(origin_, "mkstemp() failed : %m\n");
     }
     original_ = OpenWithoutWaiting(path_, O_RDWR, "r+");
     if (!original_ && rules.createsMissing && errno == ENOENT) {
         original_ = OpenWithoutWaiting(path_, O_RDWR | O_CREAT | O_TRUNC, "w+");
     }
     if (!original_) {
-        TQ_LOG_FOR(origin_, "fopen(%s) failed : %s\n", path_, strerror(errno));
+        TQ_LOG_FOR(origin_, "fopen(%s) failed : %m\n", path_);
     }
 }
 
@@ -53,7 +53,7 @@ InPlaceEdit::~InPlaceEdit() {
     copy_.reset();
     original_.reset();
     if (temporary_[0] != '\0' && unlink(temporary_) == -1) {
-        TQ_LOG_FOR(origin_, "unlink(%s) failed : %s\n", temporary_, strerror(errno));
+        TQ_LOG_FOR(origin_, "unlink(%s) failed : %m\n", temporary_);
     }
 }
 
@@ -66,7 +66,7 @@ size_t InPlaceEdit::ReadLine(char *line, size_t size) {
     line[length] = '\0';
     if (ferror(original_.get())) {
         // Whoever took this for the end would cut the file to what could be read.
-        TQ_LOG_FOR(origin_, "fgets(%s) failed : %s\n", path_, strerror(errno));
+        TQ_LOG_FOR(origin_, "fgets(%s) failed : %m\n", path_);
         readFailed_ = true;
         return 0;
     }
@@ -88,8 +88,7 @@ static size_t WriteAll(int file, const char *bytes, size_t count) {
 }
 
 void InPlaceEdit::ReportWrite(const char *line, size_t length) const {
-    TQ_LOG_FOR(origin_, "fprintf() %s : %s : %.*s", rules_.failed, strerror(errno),
-               static_cast<int>(length), line);
+    TQ_LOG_FOR(origin_, "fprintf() %s : %m : %.*s", rules_.failed, static_cast<int>(length), line);
 }
 
 bool InPlaceEdit::WriteLine(const char *line, size_t length) {
@@ -176,7 +175,7 @@ bool InPlaceEdit::Sync() {
     if (fsync(fileno(original_.get())) == 0 || errno == EINVAL) {
         return true;
     }
-    TQ_LOG_FOR(origin_, "fsync(%s) error : %s\n", path_, strerror(errno));
+    TQ_LOG_FOR(origin_, "fsync(%s) error : %m\n", path_);
     return false;
 }
 

@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -92,7 +91,7 @@ int COM_ReplaceItemsInFile(const char *path, COM_ReplaceItemList *list) {
     // The length is still 0 when the new text never got complete: then the file is emptied, so that
     // nobody takes half a text for the whole.
     if (!edit.Cut()) {
-        TQ_LOG("truncate(%s) error : %s\n", path, strerror(errno));
+        TQ_LOG("truncate(%s) error : %m\n", path);
     }
     return result == -1 || edit.Sync() ? result : -1;
 }

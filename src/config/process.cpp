@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -64,7 +63,7 @@ int COM_KillProcbyName(const char *name, ...) {
         } else if (kill(pid, SIGTERM) == 0) {
             result = 0;
         } else {
-            TQ_LOG("kill [%s][%d] failed: %s\n", name, pid, strerror(errno));
+            TQ_LOG("kill [%s][%d] failed: %m\n", name, pid);
         }
     }
     return result;
@@ -73,8 +72,7 @@ int COM_KillProcbyName(const char *name, ...) {
 static int Signal(pid_t pid, int signal, const char *function) {
     const int result = kill(pid, signal);
     if (result == -1) {
-        TQ_LOG_FOR((MessageOrigin{kSource, function}), "kill(%d, %d) fail : %s\n", pid, signal,
-                   strerror(errno));
+        TQ_LOG_FOR((MessageOrigin{kSource, function}), "kill(%d, %d) fail : %m\n", pid, signal);
     }
     return result;
 }
@@ -112,7 +110,7 @@ int COM_SavePid(const char *path) {
     if (file) {
         dprintf(file.get(), "%d", getpid());
     } else {
-        TQ_LOG("open(%s) error : %s\n", path, strerror(errno));
+        TQ_LOG("open(%s) error : %m\n", path);
     }
     return -1;
 }

@@ -1,6 +1,5 @@
 #include "config/stanza_editor.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -56,8 +55,8 @@ int ReplaceStanza(const StanzaEdit &wanted) {
         return -1;
     }
     if (!edit.Cut()) {
-        TQ_LOG_FOR(wanted.origin, "truncate(%s, %d) error : %s\n", wanted.path,
-                   static_cast<int>(edit.length()), strerror(errno));
+        TQ_LOG_FOR(wanted.origin, "truncate(%s, %d) error : %m\n", wanted.path,
+                   static_cast<int>(edit.length()));
         return -1;
     }
     return edit.Sync() ? 0 : -1;

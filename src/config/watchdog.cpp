@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <csignal>
@@ -15,6 +14,7 @@
 #include <ctime>
 #include <optional>
 #include <span>
+#include <type_traits>
 
 #include "common/first_line.h"
 #include "common/pause.h"
@@ -40,9 +40,13 @@ static constexpr TQ_WatchDogEntry gTQ_WatchDogArray[] = {
 
 namespace {
 
+// Seconds since the epoch. Where a time_t has 32 bits it is read as an unsigned number, which lasts
+// until 2106.
+using ClockSeconds = std::conditional_t<sizeof(time_t) == sizeof(uint32_t), uint32_t, int64_t>;
+
 // When a request falls due, seen from now.
 struct DueTime {
-    int64_t now;
+    ClockSeconds now;
     int64_t due;
 
     int64_t SecondsLeft() const { return due == 0 ? 0 : due - now; }
@@ -52,18 +56,11 @@ struct DueTime {
 
 }  // namespace
 
-// Seconds since the epoch. Where a time_t has 32 bits it is read as an unsigned number, which lasts
-// until 2106.
-static int64_t Now() {
-    const time_t now = time(nullptr);
-    return sizeof now == sizeof(uint32_t) ? int64_t{static_cast<uint32_t>(now)} : int64_t{now};
-}
-
 static bool ReadDueTime(const char *text, DueTime *request) {
     if (!text || !isdigit(static_cast<unsigned char>(text[0]))) {
         return false;
     }
-    *request = {Now(), strtoll(text, nullptr, 10)};
+    *request = {static_cast<ClockSeconds>(time(nullptr)), strtoll(text, nullptr, 10)};
     return true;
 }
 
@@ -143,7 +140,7 @@ int TQ_WatchdogRerun(const char *text) {
     }
     if (child == -1) {
         // The request stays for the next look.
-        TQ_LOG("fork() failed : %s\n", strerror(errno));
+        TQ_LOG("fork() failed : %m\n");
         return -1;
     }
     TQ_LOG("Parent : Rerun [%s] at %" PRId64 "\n", command, request.due);
@@ -174,7 +171,7 @@ void WatchdogFolder::MarkDone(const RequestState &state) {
     }
     void *grown = realloc(done_.get(), (count_ + 1) * sizeof state);
     if (!grown) {
-        TQ_LOG_FOR(kOrigin, "REALLOC() failed : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "REALLOC() failed : %m\n");
         return;
     }
     static_cast<void>(done_.release());
@@ -187,7 +184,7 @@ void WatchdogFolder::Remove(const char *path, const RequestState &state) {
     if (StateOf(path) != state || unlink(path) == 0) {
         return;
     }
-    TQ_LOG_FOR(kOrigin, "unlink(%s) failed : %s\n", path, strerror(errno));
+    TQ_LOG_FOR(kOrigin, "unlink(%s) failed : %m\n", path);
     MarkDone(state);
 }
 

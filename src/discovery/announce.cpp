@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -77,7 +76,7 @@ int TQ_ParserPackage(const char *text, UnitInfo *record) {
     const size_t size = strlen(text) + 1;
     const HeapBlock<char> copy = ZeroedBlock(size);
     if (!copy) {
-        TQ_LOG_UNNAMED("CALLOC(1, %d) error : %s\n", static_cast<int>(size), strerror(errno));
+        TQ_LOG_UNNAMED("CALLOC(1, %d) error : %m\n", static_cast<int>(size));
         return -1;
     }
     memcpy(copy.get(), text, size);

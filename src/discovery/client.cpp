@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,7 +167,7 @@ int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint3
     const size_t size = static_cast<size_t>(total) * sizeof(UnitInfo);
     const HeapBlock<UnitInfo> merged(static_cast<UnitInfo *>(malloc(size)));
     if (!merged) {
-        TQ_LOG("MALLOC(%d) failed : %s\n", static_cast<int>(size), strerror(errno));
+        TQ_LOG("MALLOC(%d) failed : %m\n", static_cast<int>(size));
         return -1;
     }
     UnitInfo *end = merged.get();

@@ -136,13 +136,13 @@ static bool OpenPacketSocket(UniqueFd *sock) {
     }
     UniqueFd opened(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!opened) {
-        TQ_LOG_FOR(kSenderOrigin, "socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
+        TQ_LOG_FOR(kSenderOrigin, "socket(SOCK_DGRAM) failed : %m\n");
         return false;
     }
     const int on = 1;
     if (setsockopt(opened.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) {
-        TQ_LOG_FOR(kSenderOrigin, "setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %s\n",
-                   SOL_SOCKET, SO_BROADCAST, strerror(errno));
+        TQ_LOG_FOR(kSenderOrigin, "setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %m\n",
+                   SOL_SOCKET, SO_BROADCAST);
         return false;
     }
     *sock = std::move(opened);
@@ -188,8 +188,8 @@ class Broadcast {
         sockaddr_ll link = link_;
         link.sll_protocol = 0;
         if (bind(sock_->get(), reinterpret_cast<const sockaddr *>(&link), sizeof link) == -1) {
-            TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %s\n", link.sll_ifindex,
-                           device_ ? device_ : "", strerror(errno));
+            TQ_LOG_UNNAMED("bind([%d][%s]) failed! : %m\n", link.sll_ifindex,
+                           device_ ? device_ : "");
         }
     }
 
@@ -228,7 +228,7 @@ int discovery::BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const c
     Broadcast broadcast(sock, device, port, {payload.data(), payload.size()});
     if (!broadcast.Send({INADDR_ANY}, {INADDR_BROADCAST})) {
         if (device) {
-            TQ_LOG_UNNAMED("sendto(%s:%d) error : %s\n", device, port, strerror(errno));
+            TQ_LOG_UNNAMED("sendto(%s:%d) error : %m\n", device, port);
         }
         return -1;
     }
@@ -237,7 +237,7 @@ int discovery::BroadcastThrough(UniqueFd *sock, unit::FactSource &facts, const c
     in_addr destination;
     if (device && SubnetEnds(facts, device, &source, &destination) &&
         !broadcast.Send(source, destination)) {
-        TQ_LOG_UNNAMED("sendto(%s) error : %s\n", device, strerror(errno));
+        TQ_LOG_UNNAMED("sendto(%s) error : %m\n", device);
     }
     return 0;
 }

@@ -83,16 +83,16 @@ class NativeServer {
 void NativeServer::OpenListener() {
     UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!sock) {
-        TQ_LOG_FOR(kOrigin, "Create TCP/IP ERROR : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "Create TCP/IP ERROR : %m\n");
         return;
     }
     TQ_LOG_FOR(kOrigin, "CREATE TCP/IP SOCKET\n");
     if (!BindWhenFree(sock.get(), InternetAddress(INADDR_ANY, TQ_SERVER_PORT))) {
-        TQ_LOG_FOR(kOrigin, "bind error() : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "bind error() : %m\n");
         return;
     }
     if (listen(sock.get(), 0) == -1) {
-        TQ_LOG_FOR(kOrigin, "listen() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "listen() error : %m\n");
         return;
     }
     TQ_LOG_FOR(kOrigin, "Listen TCP/IP (fd = %d)\n", sock.get());
@@ -160,7 +160,7 @@ static void SendAll(int connection, const ListReply &reply) {
             sent = send(connection, next, left, MSG_NOSIGNAL);
         }
         if (sent < 0) {
-            TQ_LOG_FOR(kOrigin, "send(%d) error : %s\n", static_cast<int>(left), strerror(errno));
+            TQ_LOG_FOR(kOrigin, "send(%d) error : %m\n", static_cast<int>(left));
             return;
         }
         next += sent;
@@ -194,7 +194,7 @@ void NativeServer::ServeConnection(UniqueFd connection) {
         return;
     }
     if (length < 0) {
-        TQ_LOG_FOR(kOrigin, "recv() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "recv() error : %m\n");
     }
     if (length < 1) {
         return;
@@ -214,14 +214,14 @@ void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
     }
     const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock) {
-        TQ_LOG_FOR(kOrigin, "socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "socket(SOCK_DGRAM) failed : %m\n");
         return;
     }
     const sockaddr_in client = InternetAddress(asker.sin_addr.s_addr, TQ_CLIENT_PORT);
     const ssize_t sent =
         sendto(sock.get(), reply.text.get(), reply.length, 0, AsSockaddr(client), sizeof client);
     if (sent == -1) {
-        TQ_LOG_FOR(kOrigin, "sendto() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "sendto() error : %m\n");
     } else {
         TQ_LOG_FOR(kOrigin, "len = %d\n", static_cast<int>(sent));
     }
@@ -245,7 +245,7 @@ void NativeServer::ServeDatagram() {
                  reinterpret_cast<sockaddr *>(&asker), &size);
     if (length < 0) {
         if (errno != EAGAIN) {
-            TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %s\n", strerror(errno));
+            TQ_LOG_FOR(kOrigin, "recvfrom() failed! : %m\n");
         }
         return;
     }

@@ -37,6 +37,7 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
     while (text) {
         va_list arguments;
         va_start(arguments, format);
+        errno = kept.value;  // what %m tells of, whatever the memory has made of it
         const int length = vsnprintf(text.get(), size, format, arguments);
         va_end(arguments);
         if (length >= 0 && static_cast<size_t>(length) < size) {

@@ -1,6 +1,5 @@
 #include "frame/modes.h"
 
-#include <cerrno>
 #include <climits>
 #include <cstring>
 
@@ -41,8 +40,7 @@ static unsigned ParseBrand(const char *text) {
 unsigned frame::ReadBrand(const char *path) {
     TextFile file(path);
     if (!file) {
-        TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %s\n", path,
-                   strerror(errno));
+        TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %m\n", path);
         return 0;
     }
     unsigned brand = 0;

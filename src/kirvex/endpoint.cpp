@@ -14,7 +14,7 @@ namespace kx {
 static bool SetOption(int sock, int option, const void *value, size_t size,
                       const MessageOrigin &origin) {
     if (setsockopt(sock, SOL_SOCKET, option, value, static_cast<socklen_t>(size)) == -1) {
-        TQ_LOG_FOR(origin, "setsockopt error: %s\n", strerror(errno));
+        TQ_LOG_FOR(origin, "setsockopt error: %m\n");
         return false;
     }
     return true;
@@ -23,7 +23,7 @@ static bool SetOption(int sock, int option, const void *value, size_t size,
 bool OpenSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin) {
     *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (*sock < 0) {
-        TQ_LOG_FOR(origin, "socket error: %s\n", strerror(errno));
+        TQ_LOG_FOR(origin, "socket error: %m\n");
         return false;
     }
     const int on = 1;
@@ -51,7 +51,7 @@ int SendPacket(int sock, const sockaddr_in &peer, std::span<const uint8_t> packe
                const MessageOrigin &origin) {
     if (sendto(sock, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT, AsSockaddr(peer),
                sizeof peer) == -1) {
-        TQ_LOG_FOR(origin, "sendto error: %s\n", strerror(errno));
+        TQ_LOG_FOR(origin, "sendto error: %m\n");
         return -1;
     }
     return 0;

@@ -1,8 +1,6 @@
 #include "kirvex/search.h"
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "common/text.h"
@@ -17,7 +15,7 @@ static constexpr uint32_t kProductTypeRecorder = 1;
 int KIRVEX_GetDHCPStatus(const char *device) {
     TextFile file(kx::kOwnInterfaces);
     if (!file) {
-        TQ_LOG("fopen(%s) failed : %s\n", kx::kOwnInterfaces, strerror(errno));
+        TQ_LOG("fopen(%s) failed : %m\n", kx::kOwnInterfaces);
         return -1;
     }
     int status = -1;

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "common/owners.h"
@@ -24,7 +23,7 @@ int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockad
     }
     *address = InternetAddress(INADDR_ANY, kx::kPort);
     if (!BindWhenFree(*sock, *address)) {
-        TQ_LOG("bind error: %s\n", strerror(errno));
+        TQ_LOG("bind error: %m\n");
         return -1;
     }
     KeepPortToOneself(*sock);
@@ -112,7 +111,7 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
         }
         if (recvfrom(sock.get(), packet, sizeof packet, MSG_NOSIGNAL,
                      reinterpret_cast<sockaddr *>(&sender), &senderSize) == -1) {
-            TQ_LOG("recvfrom() failed! : %s\n", strerror(errno));
+            TQ_LOG("recvfrom() failed! : %m\n");
             continue;
         }
         KIRVEX_ParserPkt(name, sock.get(), sender, packet);

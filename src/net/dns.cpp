@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include "common/owners.h"
@@ -77,7 +76,7 @@ int DNS_GetNameServer(char *ns1, char *ns2, char *ns3, char *ns4) {
     char *const slots[kMaxNameServers] = {ns1, ns2, ns3, ns4};
     TextFile file(kResolverFile);
     if (!file) {
-        TQ_LOG("fopen(%s) error : %s\n", kResolverFile, strerror(errno));
+        TQ_LOG("fopen(%s) error : %m\n", kResolverFile);
         return 0;
     }
     char line[kLineSize];
@@ -101,17 +100,17 @@ int DNS_GetAviaNameServer(const char *server, const char *name, DnsAddrEntry *en
                           int timeout) {
     const in_addr_t address = inet_addr(server);
     if (address == INADDR_NONE) {
-        TQ_LOG("inet_addr(%s) error : %s\n", server, strerror(errno));
+        TQ_LOG("inet_addr(%s) error : %m\n", server);
         return -1;
     }
     const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock) {
-        TQ_LOG("socket() error : %s\n", strerror(errno));
+        TQ_LOG("socket() error : %m\n");
         return -1;
     }
     const sockaddr_in local = InternetAddress(htonl(INADDR_ANY), 0);
     if (bind(sock.get(), AsSockaddr(local), sizeof local) == -1) {
-        TQ_LOG("bind() error : %s\n", strerror(errno));
+        TQ_LOG("bind() error : %m\n");
         return -1;
     }
     const sockaddr_in peer = InternetAddress(address, kDnsPort);
@@ -135,14 +134,14 @@ int DNS_SendAQuery(int sock, const struct sockaddr_in *server, const char *name,
         timeval remaining{timeout >= 0 ? timeout : kDnsDefaultWait, 0};
         uint8_t reply[kReplySize] = {};
         if (WaitForSocket(sock, POLLOUT, &remaining) <= 0) {
-            TQ_LOG("select(writeset:%d) timeout! : %s\n", sock, strerror(errno));
+            TQ_LOG("select(writeset:%d) timeout! : %m\n", sock);
             status = -2;
             continue;
         }
         const int sent = static_cast<int>(sendto(sock, query, static_cast<size_t>(length), 0,
                                                  AsSockaddr(*server), sizeof *server));
         if (sent < length) {
-            TQ_LOG("sendto() error : %d/%d - %s\n", sent, length, strerror(errno));
+            TQ_LOG("sendto() error : %d/%d - %m\n", sent, length);
             status = -2;
             continue;
         }
@@ -151,7 +150,7 @@ int DNS_SendAQuery(int sock, const struct sockaddr_in *server, const char *name,
             if (ready == 0) {
                 TQ_LOG("[%d] select() timeout\n", attempt);
             } else {
-                TQ_LOG("[%d] select() error : %s\n", attempt, strerror(errno));
+                TQ_LOG("[%d] select() error : %m\n", attempt);
             }
             continue;
         }

@@ -232,7 +232,7 @@ static void Receive(int sock, std::span<char> buffer, const net::HttpLimits &lim
         const ssize_t count =
             CallToTheEnd([&] { return recv(sock, buffer.data(), buffer.size(), MSG_NOSIGNAL); });
         if (count < 0) {
-            TQ_LOG_FOR(kSend, "recv() = %d : %s\n", static_cast<int>(count), strerror(errno));
+            TQ_LOG_FOR(kSend, "recv() = %d : %m\n", static_cast<int>(count));
         }
         complete = count <= 0 || answer.Take(buffer.first(static_cast<size_t>(count)));
         received += count > 0 ? static_cast<size_t>(count) : 0;
@@ -262,9 +262,8 @@ static int WaitForRoom(int sock, const char *shownPath, timeval remaining) {
     if (ready == 0) {
         TQ_LOG_FOR(kSend, "select([%s], %d) timeout\n", shownPath, sock);
     } else if (ready < 0) {
-        TQ_LOG_FOR(kSend, "select([%s], %d, %d.%06d sec) error : %s\n", shownPath, sock,
-                   static_cast<int>(remaining.tv_sec), static_cast<int>(remaining.tv_usec),
-                   strerror(errno));
+        TQ_LOG_FOR(kSend, "select([%s], %d, %d.%06d sec) error : %m\n", shownPath, sock,
+                   static_cast<int>(remaining.tv_sec), static_cast<int>(remaining.tv_usec));
     }
     return ready;
 }
@@ -276,7 +275,7 @@ int net::ExchangeHttp(const sockaddr_in &server, const char *host, const char *a
     const Deadline deadline(limits.totalSeconds);
     UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!sock) {
-        TQ_LOG_FOR(kSend, "socket() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kSend, "socket() error : %m\n");
         return 0;
     }
     if (!Connect(sock.get(), server, shownPath, limits.socketSeconds)) {
@@ -306,7 +305,7 @@ int net::ExchangeHttp(const sockaddr_in &server, const char *host, const char *a
         }
         const std::span<char> text(request.get(), strlen(request.get()));
         if (!SendText(sock.get(), text, limits.socketSeconds)) {
-            TQ_LOG_FOR(kSend, "send() failed : %s\n", strerror(errno));
+            TQ_LOG_FOR(kSend, "send() failed : %m\n");
         }
         // A form gets its answer in the buffer it was sent from, in blocks of no more than its
         // size.

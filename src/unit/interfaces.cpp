@@ -1,7 +1,6 @@
 #include "unit/interfaces.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -44,7 +43,7 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
     }
     TextFile file(path);
     if (!file) {
-        TQ_LOG("fopen(%s) error : %s\n", path, strerror(errno));
+        TQ_LOG("fopen(%s) error : %m\n", path);
         return -1;
     }
     int count = 0;
@@ -55,7 +54,7 @@ int COM_GetDeviceFromProc(NetDeviceName **list, const char *path) {
             continue;
         }
         if (count % kGrowth == 0 && !MakeRoom(list, count + kGrowth)) {
-            TQ_LOG("REALLOC() failed : %s\n", strerror(errno));
+            TQ_LOG("REALLOC() failed : %m\n");
             continue;
         }
         (*list)[count++] = NameFromLine(line, colon);

@@ -115,7 +115,7 @@ const char *COM_ConvertNetDevName(const char *name) {
     static constexpr char kInterfaces[] = "/etc/network/interfaces";
     TextFile file(kInterfaces);
     if (!file) {
-        TQ_LOG("fopen(%s) error : %s\n", kInterfaces, strerror(errno));
+        TQ_LOG("fopen(%s) error : %m\n", kInterfaces);
         return kDefaultDevice;
     }
     char line[128];
@@ -132,8 +132,7 @@ int unit::FactSource::Request(unsigned long code, const char *device, ifreq *req
     if (lent_ < 0 && !own_) {
         own_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         if (!own_) {
-            TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %s\n",
-                       strerror(errno));
+            TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %m\n");
             errno = 0;
             return -1;
         }
@@ -175,7 +174,7 @@ static int GetMac(unit::FactSource &facts, int selector, const char *device, voi
     if (result == 0) {
         memcpy(mac.data(), request.ifr_hwaddr.sa_data, kMacSize);
     } else if (errno != 0) {
-        TQ_LOG_FOR(kOrigin, "ioctl() error : %s\n", strerror(errno));
+        TQ_LOG_FOR(kOrigin, "ioctl() error : %m\n");
     }
     const MacForm form = selector >= NETINFO_MAC_RAW         ? MacForm::kRaw
                          : selector >= NETINFO_MAC_COLON     ? MacForm::kColon
@@ -213,7 +212,7 @@ int COM_GetArpMAC(int selector, const char *address, void *output) {
     if (table) {
         mac = FindInArpTable(table, address);
     } else {
-        TQ_LOG("fopen(%s) fail : %s\n", kArpTable, strerror(errno));
+        TQ_LOG("fopen(%s) fail : %m\n", kArpTable);
     }
     const MacForm form = selector >= NETINFO_ARP_MAC_RAW_LAST3   ? MacForm::kRaw
                          : selector >= NETINFO_ARP_MAC_COLON     ? MacForm::kColon
@@ -239,8 +238,7 @@ static int GetAddress(unit::FactSource &facts, int selector, const char *device,
     if (facts.Request(code, device, &request, kOrigin.function) != 0) {
         // An interface without an address is nothing to report.
         if (errno != 0 && errno != EADDRNOTAVAIL) {
-            TQ_LOG_FOR(kOrigin, "ioctl(%d:%s) error : %s\n", static_cast<int>(code), device,
-                       strerror(errno));
+            TQ_LOG_FOR(kOrigin, "ioctl(%d:%s) error : %m\n", static_cast<int>(code), device);
         }
         WriteNoAddress(form, output);
         return -1;
@@ -270,7 +268,7 @@ int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
     WriteNoAddress(form, output);
     TextFile table(kRouteTable);
     if (!table) {
-        TQ_LOG("fopen(%s) : %s\n", kRouteTable, strerror(errno));
+        TQ_LOG("fopen(%s) : %m\n", kRouteTable);
         return -1;
     }
     char line[256];
@@ -285,7 +283,7 @@ int COM_SubGetGateway(int selector, const char * /*device*/, void *output) {
             WriteAddress(gateway, form, output);
             return 0;
         }
-        TQ_LOG("strtoul() error : %s\n", strerror(errno));
+        TQ_LOG("strtoul() error : %m\n");
     }
     return -1;
 }
@@ -314,8 +312,7 @@ static bool ReadNameServer(TextFile &file, ServerText &server) {
 // A file that isn't there names nobody.
 static void ReportResolver() {
     if (errno != ENOENT) {
-        TQ_LOG_FOR((MessageOrigin{kSource, "COM_SubGetDNS"}), "fopen(%s) : %s\n", kResolver,
-                   strerror(errno));
+        TQ_LOG_FOR((MessageOrigin{kSource, "COM_SubGetDNS"}), "fopen(%s) : %m\n", kResolver);
     }
 }
 
@@ -367,7 +364,7 @@ static int GetMtu(unit::FactSource &facts, const char *device, void *output) {
     ifreq request;
     if (facts.Request(SIOCGIFMTU, device, &request, kOrigin.function) != 0) {
         if (errno != 0) {
-            TQ_LOG_FOR(kOrigin, "ioctl() error : %s\n", strerror(errno));
+            TQ_LOG_FOR(kOrigin, "ioctl() error : %m\n");
         }
         return -1;
     }

@@ -51,15 +51,13 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
         }
         text.reset(grown);
     }
-    if (!text) {
-        return printf("%s,%d:%s(): Failed to print", file, line, function ? function : "");
-    }
     // Other units' texts are shown on a terminal, not obeyed by it; a file gets them as they are.
-    if (isatty(STDOUT_FILENO)) {
+    if (text && isatty(STDOUT_FILENO)) {
         MaskControls(text.get());
     }
-    if (!function) {
+    if (text && !function) {
         return printf("%s,%d: %s", file, line, text.get());
     }
-    return printf("%s,%d:%s(): %s", file, line, function, text.get());
+    return printf("%s,%d:%s(): %s", file, line, function ? function : "",
+                  text ? text.get() : "Failed to print");
 }

@@ -28,6 +28,11 @@ UniqueFile OpenWithoutWaiting(const char *path, int flags, const char *mode) {
 }
 
 bool IsOrdinaryEntry(const dirent &entry) {
-    return strcmp(entry.d_name, ".") != 0 && strcmp(entry.d_name, "..") != 0 &&
-           strcmp(entry.d_name, "lost+found") != 0;
+    static constexpr char kOwnEntries[][11] = {".", "..", "lost+found"};
+    for (const char *own : kOwnEntries) {
+        if (strcmp(entry.d_name, own) == 0) {
+            return false;
+        }
+    }
+    return true;
 }

@@ -17,9 +17,9 @@ namespace config {
 TerminationHeld::TerminationHeld() {
     sigset_t ending;
     sigemptyset(&ending);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&ending, signal);
-    }
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGHUP);
     sigprocmask(SIG_BLOCK, &ending, &before_);
 }
 
@@ -121,7 +121,7 @@ void InPlaceEdit::ReportCopyBack() const {
 }
 
 static off_t SizeOf(int file) {
-    struct stat status {};
+    struct stat status;
     return fstat(file, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : 0;
 }
 

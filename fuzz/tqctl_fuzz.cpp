@@ -6,7 +6,10 @@
 #include "ctl/print.h"
 #include "support.h"
 
-static void TakeUnit(const ctl::Unit &unit, void *context) {
+static const ctl::Links kNoLinks{};
+
+static void TakeUnit(ctl::Unit &unit, void *context) {
+    unit.Place(kNoLinks, -1);
     static_cast<ctl::Survey *>(context)->units().Take(unit);
 }
 
@@ -26,8 +29,7 @@ static void CheckPrinted(Print print) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const ctl::Links links{};
-    ctl::Survey survey(links, false);
+    ctl::Survey survey(kNoLinks, false);
     Input input(data, size);
     ctl::Unit unit;
     if (input.ConsumeBool()) {
@@ -42,19 +44,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             TakeUnit(unit, &survey);
         }
     }
-    for (int i = 0; i < survey.units().count(); ++i) {
-        survey.units()[i].link = -1;
-    }
     survey.units().Sort();
     CheckPrinted([&](FILE *out) { ctl::PrintTable(out, survey, size % 200); });
     if (survey.units().count() == 0) {
         return 0;
     }
     const ctl::Unit &first = survey.units()[0];
-    CheckPrinted([&](FILE *out) { ctl::PrintPlain(out, first, links); });
-    CheckPrinted([&](FILE *out) { ctl::PrintUnit(out, first, links); });
-    CheckPrinted([&](FILE *out) { ctl::PrintSettings(out, first); });
+    CheckPrinted([&](FILE *out) { ctl::PrintPlain(out, first); });
+    CheckPrinted([&](FILE *out) { ctl::PrintUnit(out, first); });
+    CheckPrinted([&](FILE *out) {
+        ctl::PrintSettings(out, first.ip, first.prefix, first.gateway, first.dns);
+    });
     CheckPrinted([&](FILE *out) { ctl::PrintJson(out, survey, &first, 1, nullptr); });
-    CheckPrinted([&](FILE *out) { ctl::PrintFormat(out, "${name}\\t${note}", first, links); });
+    CheckPrinted([&](FILE *out) { ctl::PrintFormat(out, "${name}\\t${note}", first); });
     return 0;
 }

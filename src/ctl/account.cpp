@@ -49,7 +49,7 @@ static Status FailSilence(const Session &session) {
     return Fail(kNotTaken,
                 "the unit has not replied within %d s: its web server may be slow or down, or the "
                 "reply can't come back to this machine",
-                static_cast<int>(session.options.wait / 1000));
+                session.options.wait / 1000);
 }
 
 // Finds the unit, which must be one that knows accounts.

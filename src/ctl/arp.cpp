@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <net/if_arp.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstdio>
@@ -88,10 +87,8 @@ static void SendProbe(int sock, const Link &link, Address address) {
 
 // Waits for anybody who sends from an address: its owner answers, or asks for others.
 static bool HearSender(int sock, const Link &link, Address address, uint8_t (&mac)[ETH_ALEN]) {
-    const Milliseconds end = Now() + kProbeWait;
-    for (Milliseconds left = kProbeWait; left > 0; left = end - Now()) {
-        pollfd wanted{sock, POLLIN, 0};
-        poll(&wanted, 1, static_cast<int>(left));
+    const Stopwatch watch;
+    while (watch.AwaitInput(sock, kProbeWait)) {
         ArpPacket packet;
         if (ReceiveArp(sock, &packet) && packet.interface == link.index &&
             packet.sender == address) {
@@ -126,7 +123,7 @@ static Holder AskKernel(const Link &link, Address address, uint8_t (&mac)[ETH_AL
         return Holder::kUnknown;
     }
     for (int i = 0; i < kProbes; ++i) {
-        poll(nullptr, 0, static_cast<int>(kProbeWait));
+        Pause(kProbeWait);
         if (ReadTable(link, address, mac)) {
             return Holder::kSomebody;
         }

@@ -1,7 +1,5 @@
 #include "ctl/kirvex_exchange.h"
 
-#include <poll.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +32,7 @@ kx::Settings SettingsOf(const Unit &unit) {
             NetworkOrder(unit.gateway),
             NetworkOrder(unit.dns),
             NetworkOrder(unit.secondDns),
-            unit.dhcp};
+            unit.dhcp == 1};
 }
 
 static kx::Target TargetOf(const Unit &unit) {
@@ -78,12 +76,10 @@ static bool Send(const Exchange &exchange, std::span<const uint8_t> packet) {
 }
 
 static bool WaitForReply(const Exchange &exchange, Milliseconds wait, Verdict *verdict) {
-    const Milliseconds end = Now() + wait;
-    for (Milliseconds left = wait; left > 0; left = end - Now()) {
-        pollfd wanted{exchange.sock.get(), POLLIN, 0};
+    const Stopwatch watch;
+    while (watch.AwaitInput(exchange.sock.get(), wait)) {
         Datagram reply;
-        if (poll(&wanted, 1, static_cast<int>(left)) == 1 &&
-            ReceiveUdp(exchange.sock.get(), &reply) && IsReplyTo(exchange, reply)) {
+        if (ReceiveUdp(exchange.sock.get(), &reply) && IsReplyTo(exchange, reply)) {
             const std::span<const uint8_t> packet(reply.data, reply.size);
             *verdict = {true, kx::ReadInteger(packet, kx::kMode),
                         kx::ReadInteger(packet, kx::kErrorNumber),
@@ -112,10 +108,10 @@ static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request,
                    Milliseconds wait) {
     const Exchange exchange{way, unit, request, OpenUdp(way.link, way.source, 0)};
     Verdict verdict{};
-    kx::WriteInteger(request, kx::kSequenceNumber, static_cast<uint32_t>(Now()) & 0xFFFF);
-    const Milliseconds end = Now() + wait;
-    while (exchange.sock && tries-- > 0 && Now() < end && SendCovered(exchange)) {
-        const Milliseconds left = end - Now();
+    kx::WriteInteger(request, kx::kSequenceNumber, Ticks());
+    const Stopwatch watch;
+    while (exchange.sock && tries-- > 0 && watch.Passed() < wait && SendCovered(exchange)) {
+        const Milliseconds left = wait - watch.Passed();
         const bool answered = WaitForReply(
             exchange, tries > 0 && left > kRepeatAfter ? kRepeatAfter : left, &verdict);
         if (answered) {
@@ -133,7 +129,7 @@ static bool DeservesSecondTry(const Verdict &verdict) {
     if (!verdict.answered || verdict.code == kx::kSuccess || verdict.error != 0) {
         return false;
     }
-    poll(nullptr, 0, static_cast<int>(kSecondTry));
+    Pause(kSecondTry);
     return true;
 }
 

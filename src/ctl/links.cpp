@@ -23,11 +23,18 @@ struct FreeInterfaces {
 
 }  // namespace
 
-AddressText ToText(Address address) {
+AddressText ToText(Address address, const char *none) {
     AddressText out;
-    snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", address >> 24, address >> 16 & 255,
-             address >> 8 & 255, address & 255);
+    CopyText(out.text, none);
+    if (address != 0) {
+        snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", address >> 24, address >> 16 & 255,
+                 address >> 8 & 255, address & 255);
+    }
     return out;
+}
+
+kx::MacText ToText(const uint8_t (&mac)[ETH_ALEN]) {
+    return kx::ReadMac(mac, {0, ETH_ALEN});
 }
 
 bool ReadAddress(const char *text, Address *address) {

@@ -8,6 +8,7 @@
 
 #include "ctl/options.h"
 #include "ctl/status.h"
+#include "kirvex/packet.h"
 
 namespace ctl {
 
@@ -16,10 +17,12 @@ using Address = uint32_t;
 
 inline constexpr int kMostAddresses = 8;
 
-struct AddressText {
-    char text[16];
-};
-AddressText ToText(Address address);
+using kx::AddressText;
+
+// `none` (at most 15 characters) stands for no address.
+AddressText ToText(Address address, const char *none = "0.0.0.0");
+
+kx::MacText ToText(const uint8_t (&mac)[ETH_ALEN]);
 
 // Reads exactly four decimal numbers with dots. Returns false for anything else.
 bool ReadAddress(const char *text, Address *address);

@@ -1,6 +1,5 @@
 #include "ctl/list.h"
 
-#include <poll.h>
 #include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -49,9 +48,9 @@ static void PrintUnits(Session &session) {
     }
     for (int i = 0; i < units.count(); ++i) {
         if (options.format) {
-            PrintFormat(session.out, options.format, units[i], session.links);
+            PrintFormat(session.out, options.format, units[i]);
         } else {
-            PrintPlain(session.out, units[i], session.links);
+            PrintPlain(session.out, units[i]);
         }
     }
 }
@@ -62,9 +61,9 @@ static void PrintEvent(Session &session, const char *sign, const char *event, co
     } else {
         fprintf(session.out, "%s\t", sign);
         if (session.options.format) {
-            PrintFormat(session.out, session.options.format, unit, session.links);
+            PrintFormat(session.out, session.options.format, unit);
         } else {
-            PrintPlain(session.out, unit, session.links);
+            PrintPlain(session.out, unit);
         }
     }
 }
@@ -83,9 +82,8 @@ static void PrintChanges(Session &session, UnitList &known) {
         } else if (memcmp(&before->info, &heard[i].info, sizeof before->info) != 0) {
             PrintEvent(session, "~", "changed", heard[i]);
         }
-        known.Take(heard[i]);
         // From here on the count is of rounds without an answer.
-        if (Unit *taken = known.Find(heard[i])) {
+        if (Unit *taken = known.Take(heard[i])) {
             taken->heard = 0;
         }
     }
@@ -128,14 +126,9 @@ static int ConnectTo(const char *address) {
 
 // Reads to the end of the connection. Returns the bytes.
 static size_t ReadAll(int sock, char *data, size_t size) {
-    const Milliseconds end = Now() + kViaPatience;
+    const Stopwatch watch;
     size_t used = 0;
-    while (used < size) {
-        pollfd wanted{sock, POLLIN, 0};
-        const Milliseconds left = end - Now();
-        if (left <= 0 || poll(&wanted, 1, static_cast<int>(left)) != 1) {
-            break;
-        }
+    while (used < size && watch.AwaitInput(sock, kViaPatience)) {
         const ssize_t length = recv(sock, data + used, size - used, 0);
         if (length <= 0) {
             break;
@@ -145,10 +138,10 @@ static size_t ReadAll(int sock, char *data, size_t size) {
     return used;
 }
 
-static void TakeTold(const Unit &unit, void *context) {
-    Unit told = unit;
-    told.link = -1;
-    static_cast<UnitList *>(context)->Take(told);
+static void TakeTold(Unit &unit, void *context) {
+    Session &session = *static_cast<Session *>(context);
+    unit.Place(session.links, -1);
+    session.survey.units().Take(unit);
 }
 
 static Status AskVia(Session &session) {
@@ -171,7 +164,7 @@ static Status AskVia(Session &session) {
         return Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
     }
     const size_t length = ReadAll(sock.get(), list.get(), kLongestList);
-    ReadPackage(list.get(), length, TakeTold, &session.survey.units());
+    ReadPackage(list.get(), length, TakeTold, &session);
     session.survey.units().Sort();
     return kDone;
 }
@@ -216,7 +209,7 @@ Status Show(Session &session) {
     if (session.options.json) {
         PrintJson(session.out, session.survey, &session.unit, 1, nullptr);
     } else {
-        PrintUnit(session.out, session.unit, session.links);
+        PrintUnit(session.out, session.unit);
     }
     return kDone;
 }

@@ -2,6 +2,8 @@
 
 #include <getopt.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,262 +12,179 @@ namespace ctl {
 
 namespace {
 
-enum Option : int {
-    kAccount = 256,
-    kAddress,
-    kDhcp,
-    kDns,
-    kDryRun,
-    kFormat,
-    kGateway,
-    kHelp,
-    kJson,
-    kNewPasswordFile,
-    kPasswordFile,
-    kPasswordStdin,
-    kPlain,
-    kVersion,
-    kVia,
-    kWait,
-    kWatch,
-    kYes,
-};
-
 // The commands that an option belongs to, one bit each.
-enum Where : unsigned {
+enum Where {
     kInList = 1 << static_cast<int>(Command::kList),
     kInShow = 1 << static_cast<int>(Command::kShow),
     kInSet = 1 << static_cast<int>(Command::kSet),
     kInCheck = 1 << static_cast<int>(Command::kCheckPassword),
     kInPassword = 1 << static_cast<int>(Command::kPassword),
-    kWithUnit = kInShow | kInSet | kInCheck | kInPassword,
     kWithAccount = kInSet | kInCheck | kInPassword,
+    kWithUnit = kInShow | kWithAccount,
     kEverywhere = kInList | kWithUnit | 1 << static_cast<int>(Command::kNone),
 };
 
-struct CommandText {
-    const char *name;
+enum class Kind : uint8_t { kFlag, kText, kTime, kInterface };
+
+struct OptionInfo {
+    char name[18];
+    char letter;  // 0: none
+    uint8_t where;
+    Kind kind;
+    uint16_t offset;  // of what it sets in Options
+    const char *help;
+};
+
+struct CommandInfo {
+    char name[16];
     const char *help;
 };
 
 }  // namespace
 
-static constexpr option kOptions[] = {
-    {"account", required_argument, nullptr, kAccount},
-    {"address", required_argument, nullptr, kAddress},
-    {"dhcp", no_argument, nullptr, kDhcp},
-    {"dns", required_argument, nullptr, kDns},
-    {"dry-run", no_argument, nullptr, kDryRun},
-    {"format", required_argument, nullptr, kFormat},
-    {"gateway", required_argument, nullptr, kGateway},
-    {"help", no_argument, nullptr, kHelp},
-    {"interface", required_argument, nullptr, 'i'},
-    {"json", no_argument, nullptr, kJson},
-    {"new-password-file", required_argument, nullptr, kNewPasswordFile},
-    {"password-file", required_argument, nullptr, kPasswordFile},
-    {"password-stdin", no_argument, nullptr, kPasswordStdin},
-    {"plain", no_argument, nullptr, kPlain},
-    {"project", required_argument, nullptr, 'F'},
-    {"time", required_argument, nullptr, 't'},
-    {"verbose", no_argument, nullptr, 'v'},
-    {"version", no_argument, nullptr, kVersion},
-    {"via", required_argument, nullptr, kVia},
-    {"wait", required_argument, nullptr, kWait},
-    {"watch", no_argument, nullptr, kWatch},
-    {"yes", no_argument, nullptr, kYes},
-    {nullptr, 0, nullptr, 0},
+static constexpr OptionInfo kOptions[] = {
+    {"address", 0, kInSet, Kind::kText, offsetof(Options, address), "A/PREFIX  a fixed address"},
+    {"gateway", 0, kInSet, Kind::kText, offsetof(Options, gateway), "G  none without it"},
+    {"dns", 0, kInSet, Kind::kText, offsetof(Options, dns), "D  name server (the one it has)"},
+    {"dhcp", 0, kInSet, Kind::kFlag, offsetof(Options, dhcp), "ask a DHCP server instead"},
+    {"dry-run", 0, kInSet, Kind::kFlag, offsetof(Options, dryRun),
+     "show what would be sent and what would be refused; send nothing"},
+    {"project", 'F', kInList, Kind::kText, offsetof(Options, project),
+     "NAME  units of this project only, letter case ignored"},
+    {"json", 0, kInList | kInShow, Kind::kFlag, offsetof(Options, json),
+     "one object: version, units, silent"},
+    {"plain", 0, kInList, Kind::kFlag, offsetof(Options, plain),
+     "a line for each unit, columns separated by tabs"},
+    {"format", 0, kInList, Kind::kText, offsetof(Options, format),
+     "TEXT  a line for each unit; ${ip}, ${mac}, ${name}, ... stand for what it says"},
+    {"watch", 0, kInList, Kind::kFlag, offsetof(Options, watch),
+     "go on, and print who comes, goes and changes"},
+    {"via", 0, kInList, Kind::kText, offsetof(Options, via),
+     "ADDRESS  have that unit list its own LAN, through any router"},
+    {"yes", 0, kWithUnit, Kind::kFlag, offsetof(Options, yes),
+     "use a temporary address without asking, where one is needed"},
+    {"wait", 0, kWithAccount, Kind::kTime, offsetof(Options, wait),
+     "SECONDS  how long to wait for the unit (20)"},
+    {"account", 0, kWithAccount, Kind::kText, offsetof(Options, account),
+     "NAME  of a KIRVEX unit's administrator (admin)"},
+    {"password-file", 0, kWithAccount, Kind::kText, offsetof(Options, passwordFile),
+     "FILE  its first line is the password"},
+    {"new-password-file", 0, kInPassword, Kind::kText, offsetof(Options, newPasswordFile),
+     "FILE  the same for the new one"},
+    {"password-stdin", 0, kWithAccount, Kind::kFlag, offsetof(Options, passwordStdin),
+     "read passwords from standard input, a line each"},
+    {"interface", 'i', kEverywhere, Kind::kInterface, 0,
+     "IF  only this one (all that are up and can broadcast)"},
+    {"time", 't', kEverywhere, Kind::kTime, offsetof(Options, time),
+     "SECONDS  how long to listen (until nobody new answers, 1.6 to 5)"},
+    {"verbose", 'v', kEverywhere, Kind::kFlag, offsetof(Options, verbose),
+     "show on standard error what is sent and what can't be read"},
+    {"help", 0, kEverywhere, Kind::kFlag, offsetof(Options, help), "also: COMMAND --help"},
+    {"version", 0, kEverywhere, Kind::kFlag, offsetof(Options, version), "print it"},
 };
+static constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
 
 // In the order of Command.
-static constexpr CommandText kCommands[] = {
-    {"list",
-     "tqctl list [-F PROJECT] [--json | --plain | --format TEXT] [--watch] [--via ADDRESS]\n"
-     "Lists the units of the LAN, sorted by address.\n"
-     "  -F PROJECT      units of this project only, letter case ignored\n"
-     "  --json          one object: version, units, silent\n"
-     "  --plain         a line of columns separated by tabs for each unit\n"
-     "  --format TEXT   a line for each unit; ${ip}, ${mac}, ${name}, ... stand for what it says\n"
-     "  --watch         go on, and print who comes, goes and changes\n"
-     "  --via ADDRESS   have that unit list its own LAN, through any router\n"},
-    {"show",
-     "tqctl show UNIT [--json] [--yes]\n"
-     "Shows all that a unit says of itself. UNIT is a MAC address, a name or an address.\n"
-     "  --yes           use a temporary address without asking, where one is needed\n"},
+static constexpr CommandInfo kCommands[] = {
+    {"list", "\nLists the units of the LAN, sorted by address."},
+    {"show", " UNIT\nShows all that a unit says of itself."},
     {"set",
-     "tqctl set UNIT --address A/PREFIX [--gateway G] [--dns D] [options]\n"
-     "tqctl set UNIT --dhcp [options]\n"
-     "Gives a unit new network settings and waits until it answers from them.\n"
-     "  --dry-run       show what would be sent and what would be refused; send nothing\n"
-     "  --yes           use a temporary address without asking, where one is needed\n"
-     "  --wait SECONDS  how long to wait for the unit (20)\n"
-     "KIRVEX units want their administrator's password:\n"
-     "  --account NAME --password-file FILE --password-stdin\n"},
+     " UNIT --address A/PREFIX | --dhcp\n"
+     "Gives a unit new network settings and waits until it answers from them."},
     {"check-password",
-     "tqctl check-password UNIT [--account NAME] [--password-file FILE | --password-stdin]\n"
-     "Asks a KIRVEX unit whether the password is right. It logs in to do so, which may end the\n"
-     "session of another administrator.\n"},
+     " UNIT\n"
+     "Asks a KIRVEX unit whether the administrator's password is right. It logs in to do so, which "
+     "may\nend the session of another administrator."},
     {"password",
-     "tqctl password UNIT [--password-file FILE --new-password-file FILE | --password-stdin]\n"
-     "Changes the administrator's password of a KIRVEX unit: digits, at most 31. From standard\n"
-     "input come two lines, the old password and the new one.\n"},
+     " UNIT\n"
+     "Changes the administrator's password of a KIRVEX unit: digits, at most 31."},
 };
-
-static constexpr char kUsageText[] =
-    "tqctl [-i IF]... [-t SECONDS] [-v] COMMAND ...\n"
-    "  list             find every unit on the LAN\n"
-    "  show UNIT        what a unit says of itself\n"
-    "  set UNIT         new network settings\n"
-    "  check-password UNIT, password UNIT    the administrator of a KIRVEX unit\n"
-    "  -i IF            only this interface (all that are up and can broadcast)\n"
-    "  -t SECONDS       listen as long as that (until nobody new answers, 1.6 to 5)\n"
-    "  -v               show on standard error what is sent and what can't be read\n"
-    "  --version, --help, COMMAND --help\n";
+static constexpr int kCommandCount = sizeof kCommands / sizeof *kCommands;
+static_assert(kCommandCount == static_cast<int>(Command::kNone));
 
 static Command FindCommand(const char *word) {
     int i = 0;
-    for (const CommandText &command : kCommands) {
-        if (strcmp(command.name, word) == 0) {
-            return static_cast<Command>(i);
-        }
+    while (i < kCommandCount && strcmp(kCommands[i].name, word) != 0) {
         ++i;
     }
-    return Command::kNone;
+    return static_cast<Command>(i);
 }
 
-// A number of seconds between 0.1 and one day.
+// Prints a command's help; that of Command::kNone names them all.
+static void PrintHelp(FILE *out, Command command) {
+    const int chosen = static_cast<int>(command);
+    for (int i = 0; i < kCommandCount; ++i) {
+        if (i == chosen || chosen == kCommandCount) {
+            fprintf(out, "tqctl [OPTIONS] %s%s\n", kCommands[i].name, kCommands[i].help);
+        }
+    }
+    for (const OptionInfo &option : kOptions) {
+        if (option.where & 1 << chosen) {
+            fprintf(out, "  %c%c --%-17s %s\n", option.letter ? '-' : ' ',
+                    option.letter ? option.letter : ' ', option.name, option.help);
+        }
+    }
+}
+
+// A number of seconds between 0.1 and one day, such as 2 or 0.25.
 static bool ReadSeconds(const char *text, Milliseconds *value) {
+    static constexpr unsigned long kLongest = 86400;
     char *end;
-    const double seconds = strtod(text, &end);
-    if (end == text || *end != '\0' || !(seconds >= 0.1 && seconds <= 86400)) {
+    const unsigned long seconds = strtoul(text, &end, 10);
+    unsigned long time = seconds * 1000;
+    if (*end == '.') {
+        for (unsigned long place = 100; *++end >= '0' && *end <= '9'; place /= 10) {
+            time += static_cast<unsigned>(*end - '0') * place;
+        }
+    }
+    if (*end != '\0' || seconds > kLongest || time < 100 || time > kLongest * 1000) {
         Fail(kUsage, "'%s' is no number of seconds", text);
         return false;
     }
-    *value = static_cast<Milliseconds>(seconds * 1000);
+    *value = static_cast<Milliseconds>(time);
     return true;
 }
 
-// The commands that `which` may stand with.
-static unsigned Allowed(int which) {
-    switch (which) {
-        case 'F':
-        case kPlain:
-        case kFormat:
-        case kWatch:
-        case kVia:
-            return kInList;
-        case kJson:
-            return kInList | kInShow;
-        case kAddress:
-        case kGateway:
-        case kDns:
-        case kDhcp:
-        case kDryRun:
-            return kInSet;
-        case kWait:
-            return kWithAccount;
-        case kYes:
-            return kWithUnit;
-        case kAccount:
-        case kPasswordFile:
-        case kPasswordStdin:
-            return kWithAccount;
-        case kNewPasswordFile:
-            return kInPassword;
-        default:
-            return kEverywhere;
+static bool TakeOption(const OptionInfo &info, const char *value, Options *options) {
+    char *place = reinterpret_cast<char *>(options) + info.offset;
+    switch (info.kind) {
+        case Kind::kFlag:
+            *reinterpret_cast<bool *>(place) = true;
+            return true;
+        case Kind::kText:
+            *reinterpret_cast<const char **>(place) = value;
+            return true;
+        case Kind::kTime:
+            return ReadSeconds(value, reinterpret_cast<Milliseconds *>(place));
+        case Kind::kInterface:
+            break;
     }
+    if (options->interfaceCount == kMostLinks) {
+        Fail(kUsage, "more than %d interfaces", kMostLinks);
+        return false;
+    }
+    options->interfaces[options->interfaceCount++] = value;
+    return true;
 }
 
-static bool TakeOption(int which, const char *value, Options *options) {
-    switch (which) {
-        case 'i':
-            if (options->interfaceCount == kMostLinks) {
-                Fail(kUsage, "more than %d interfaces", kMostLinks);
-                return false;
-            }
-            options->interfaces[options->interfaceCount++] = value;
-            return true;
-        case 't':
-            return ReadSeconds(value, &options->time);
-        case kWait:
-            return ReadSeconds(value, &options->wait);
-        case 'v':
-            options->verbose = true;
-            return true;
-        case 'F':
-            options->project = value;
-            return true;
-        case kAccount:
-            options->account = value;
-            return true;
-        case kAddress:
-            options->address = value;
-            return true;
-        case kDhcp:
-            options->dhcp = true;
-            return true;
-        case kDns:
-            options->dns = value;
-            return true;
-        case kDryRun:
-            options->dryRun = true;
-            return true;
-        case kFormat:
-            options->format = value;
-            return true;
-        case kGateway:
-            options->gateway = value;
-            return true;
-        case kJson:
-            options->json = true;
-            return true;
-        case kNewPasswordFile:
-            options->newPasswordFile = value;
-            return true;
-        case kPasswordFile:
-            options->passwordFile = value;
-            return true;
-        case kPasswordStdin:
-            options->passwordStdin = true;
-            return true;
-        case kPlain:
-            options->plain = true;
-            return true;
-        case kVia:
-            options->via = value;
-            return true;
-        case kWatch:
-            options->watch = true;
-            return true;
-        case kYes:
-            options->yes = true;
-            return true;
-        default:
+// Takes the options, and notes which were given, one bit each.
+static bool TakeOptions(int argc, char **argv, Options *options, uint32_t *given) {
+    static constexpr int kFirst = 256;  // behind all letters
+    option longs[kOptionCount + 1] = {};
+    for (int i = 0; i < kOptionCount; ++i) {
+        longs[i].name = kOptions[i].name;
+        longs[i].has_arg = kOptions[i].kind == Kind::kFlag ? no_argument : required_argument;
+        longs[i].val = kFirst + i;
+    }
+    for (int which; (which = getopt_long(argc, argv, "i:t:vF:", longs, nullptr)) != -1;) {
+        int i = 0;
+        while (i < kOptionCount && which != kFirst + i && which != kOptions[i].letter) {
+            ++i;
+        }
+        if (i == kOptionCount || !TakeOption(kOptions[i], optarg, options)) {
             return false;
-    }
-}
-
-// Whether the options go together.
-static bool IsComplete(const Options &options) {
-    if (options.json + options.plain + (options.format != nullptr) > 1) {
-        Fail(kUsage, "--json, --plain and --format exclude each other");
-        return false;
-    }
-    if (options.via && (options.watch || options.interfaceCount > 0)) {
-        Fail(kUsage, "--via asks one unit once: neither --watch nor -i goes with it");
-        return false;
-    }
-    if (options.command == Command::kSet && options.dhcp == (options.address != nullptr)) {
-        Fail(kUsage, "set needs either --address A/PREFIX or --dhcp");
-        return false;
-    }
-    if (options.dhcp && (options.gateway || options.dns)) {
-        Fail(kUsage, "with --dhcp the unit gets gateway and name server by DHCP");
-        return false;
-    }
-    if (options.passwordStdin && (options.passwordFile || options.newPasswordFile)) {
-        Fail(kUsage, "--password-stdin and a password file exclude each other");
-        return false;
+        }
+        *given |= 1U << i;
     }
     return true;
 }
@@ -273,7 +192,7 @@ static bool IsComplete(const Options &options) {
 // The words that are no options: a command, and the unit that all but list want.
 static bool TakeWords(int count, char **words, Options *options) {
     if (count == 0) {
-        fputs(kUsageText, stderr);
+        PrintHelp(stderr, Command::kNone);
         return false;
     }
     options->command = FindCommand(words[0]);
@@ -292,51 +211,56 @@ static bool TakeWords(int count, char **words, Options *options) {
     return true;
 }
 
-static void PrintHelp(Command command) {
-    if (command == Command::kNone) {
-        fputs(kUsageText, stdout);
-    } else {
-        fputs(kCommands[static_cast<int>(command)].help, stdout);
+// What is wrong with the options together, or null.
+static const char *FindConflict(const Options &options) {
+    if (options.json + options.plain + (options.format != nullptr) > 1) {
+        return "--json, --plain and --format exclude each other";
     }
+    if (options.via && (options.watch || options.interfaceCount > 0)) {
+        return "--via asks one unit once: neither --watch nor -i goes with it";
+    }
+    if (options.command == Command::kSet && options.dhcp == (options.address != nullptr)) {
+        return "set needs either --address A/PREFIX or --dhcp";
+    }
+    if (options.dhcp && (options.gateway || options.dns)) {
+        return "with --dhcp the unit gets gateway and name server by DHCP";
+    }
+    if (options.passwordStdin && (options.passwordFile || options.newPasswordFile)) {
+        return "--password-stdin and a password file exclude each other";
+    }
+    return nullptr;
 }
 
 bool ReadOptions(int argc, char **argv, Options *options, Status *status) {
     *status = kUsage;
-    bool help = false;
-    // For each command, an option that was given and does not belong to it.
-    const char *foreign[static_cast<int>(Command::kNone) + 1] = {};
-    int which;
-    int index = -1;
-    while ((which = getopt_long(argc, argv, "i:t:vF:", kOptions, &index)) != -1) {
-        if (which == kVersion) {
-            puts("tqctl " TQ_VERSION);
-            *status = kDone;
-            return false;
-        }
-        if (which == kHelp) {
-            help = true;
-        } else if (!TakeOption(which, optarg, options)) {
-            return false;
-        }
-        for (int i = 0; i < static_cast<int>(Command::kNone); ++i) {
-            if (!(Allowed(which) & 1U << i)) {
-                foreign[i] = which == 'F' ? "project" : kOptions[index].name;
-            }
-        }
+    uint32_t given = 0;
+    if (!TakeOptions(argc, argv, options, &given)) {
+        return false;
     }
-    if (help) {
-        PrintHelp(optind < argc ? FindCommand(argv[optind]) : Command::kNone);
+    char **words = argv + optind;
+    if (options->version || options->help) {
+        if (options->version) {
+            puts("tqctl " TQ_VERSION);
+        } else {
+            PrintHelp(stdout, words[0] ? FindCommand(words[0]) : Command::kNone);
+        }
         *status = kDone;
         return false;
     }
-    if (!TakeWords(argc - optind, argv + optind, options)) {
+    if (!TakeWords(argc - optind, words, options)) {
         return false;
     }
-    if (const char *option = foreign[static_cast<int>(options->command)]) {
-        Fail(kUsage, "%s does not take --%s", argv[optind], option);
+    for (int i = 0; i < kOptionCount; ++i) {
+        if (given & 1U << i && !(kOptions[i].where & 1 << static_cast<int>(options->command))) {
+            Fail(kUsage, "%s does not take --%s", words[0], kOptions[i].name);
+            return false;
+        }
+    }
+    if (const char *conflict = FindConflict(*options)) {
+        Fail(kUsage, "%s", conflict);
         return false;
     }
-    return IsComplete(*options);
+    return true;
 }
 
 }  // namespace ctl

@@ -11,12 +11,14 @@ enum class Command { kList, kShow, kSet, kCheckPassword, kPassword, kNone };
 inline constexpr int kMostLinks = 32;
 
 struct Options {
-    Command command = Command::kNone;
     const char *unit = nullptr;
     const char *interfaces[kMostLinks];
     int interfaceCount = 0;
     Milliseconds time = 0;  // 0: as long as it takes
     Milliseconds wait = 20000;
+    Command command = Command::kNone;
+    bool help = false;
+    bool version = false;
     bool verbose = false;
     bool json = false;
     bool plain = false;

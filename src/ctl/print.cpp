@@ -1,8 +1,6 @@
 #include "ctl/print.h"
 
-#include <array>
 #include <cstring>
-#include <utility>
 
 #include "common/text.h"
 #include "ctl/text.h"
@@ -11,7 +9,7 @@ namespace ctl {
 
 namespace {
 
-enum class Key {
+enum Key : uint8_t {
     kProtocol,
     kName,
     kModel,
@@ -32,17 +30,19 @@ enum class Key {
     kFits,
     kHeard,
     kFields,
-    kCount,
+    kKeyCount,
 };
 
-enum class Kind { kText, kLiteral, kList };
+// A port is a text that need not be a number.
+enum class Kind : uint8_t { kText, kAddress, kAddresses, kPort, kNumber, kTruth };
 
 struct KeyInfo {
-    const char *name;
+    char name[11];
     Kind kind;
+    uint16_t offset;  // in Unit
 };
 
-enum Column : size_t {
+enum Column : uint8_t {
     kNameColumn,
     kModelColumn,
     kProjectColumn,
@@ -54,257 +54,195 @@ enum Column : size_t {
     kColumns,
 };
 
-using Widths = std::array<size_t, kColumns>;
+struct ColumnInfo {
+    char heading[8];
+    Key key;
+};
+
+using Widths = size_t[kColumns];
+using NumberText = char[12];
 
 }  // namespace
 
 // In the order of Key.
 static constexpr KeyInfo kKeys[] = {
-    {"protocol", Kind::kText}, {"name", Kind::kText},      {"model", Kind::kText},
-    {"project", Kind::kText},  {"ip", Kind::kText},        {"prefix", Kind::kLiteral},
-    {"netmask", Kind::kText},  {"gateway", Kind::kText},   {"dns", Kind::kList},
-    {"mac", Kind::kText},      {"port", Kind::kLiteral},   {"note", Kind::kText},
-    {"brand", Kind::kText},    {"firmware", Kind::kText},  {"dhcp", Kind::kLiteral},
-    {"device", Kind::kText},   {"interface", Kind::kText}, {"fits", Kind::kLiteral},
-    {"heard", Kind::kLiteral}, {"fields", Kind::kLiteral},
+    {"protocol", Kind::kText, offsetof(Unit, protocol)},
+    {"name", Kind::kText, offsetof(Unit, info.name)},
+    {"model", Kind::kText, offsetof(Unit, info.model)},
+    {"project", Kind::kText, offsetof(Unit, info.proj)},
+    {"ip", Kind::kAddress, offsetof(Unit, info.ip)},
+    {"prefix", Kind::kNumber, offsetof(Unit, prefix)},
+    {"netmask", Kind::kAddress, offsetof(Unit, info.netmask)},
+    {"gateway", Kind::kAddress, offsetof(Unit, info.gateway)},
+    {"dns", Kind::kAddresses, offsetof(Unit, nameServers)},
+    {"mac", Kind::kText, offsetof(Unit, info.mac)},
+    {"port", Kind::kPort, offsetof(Unit, info.trigger_port)},
+    {"note", Kind::kText, offsetof(Unit, info.note)},
+    {"brand", Kind::kText, offsetof(Unit, brand)},
+    {"firmware", Kind::kText, offsetof(Unit, firmware)},
+    {"dhcp", Kind::kTruth, offsetof(Unit, dhcp)},
+    {"device", Kind::kText, offsetof(Unit, info.dev)},
+    {"interface", Kind::kText, offsetof(Unit, interface)},
+    {"fits", Kind::kTruth, offsetof(Unit, fits)},
+    {"heard", Kind::kNumber, offsetof(Unit, heard)},
+    {"fields", Kind::kNumber, offsetof(Unit, fields)},
 };
-static_assert(sizeof kKeys / sizeof *kKeys == static_cast<size_t>(Key::kCount));
+static_assert(sizeof kKeys / sizeof *kKeys == kKeyCount);
 
-static constexpr const char *kHeading[] = {"NAME",    "MODEL", "PROJECT", "ADDRESS",
-                                           "GATEWAY", "MAC",   "PORT",    "NOTE"};
+// In the order of Column.
+static constexpr ColumnInfo kTable[kColumns] = {
+    {"NAME", kName},       {"MODEL", kModel}, {"PROJECT", kProject}, {"ADDRESS", kIp},
+    {"GATEWAY", kGateway}, {"MAC", kMac},     {"PORT", kPort},       {"NOTE", kNote}};
 
 // The least that a text is cut to.
 static constexpr size_t kLeastWidth = 6;
 
-static bool FitsItsLink(const Unit &unit, const Links &links) {
-    if (unit.link >= 0) {
-        return links.link[unit.link].Fits(unit.ip);
+// The value of a key as it is, or null when the unit has none.
+static const char *Value(const Unit &unit, Key key, NumberText &buffer) {
+    const char *place = reinterpret_cast<const char *>(&unit) + kKeys[key].offset;
+    int number = 0;
+    switch (kKeys[key].kind) {
+        case Kind::kAddress:
+        case Kind::kAddresses:
+            // All the ways in which units write that they have none.
+            return place[strspn(place, "0.")] != '\0' ? place : nullptr;
+        case Kind::kPort:
+            if (place[strspn(place, "0123456789")] != '\0' ||
+                (place[0] == '0' && place[1] != '\0')) {
+                return nullptr;
+            }
+            [[fallthrough]];
+        case Kind::kText:
+            return place[0] != '\0' ? place : nullptr;
+        case Kind::kNumber:
+        case Kind::kTruth:
+            memcpy(&number, place, sizeof number);
     }
-    for (int i = 0; i < links.count; ++i) {
-        if (links.link[i].Fits(unit.ip)) {
-            return true;
-        }
+    if (number < 0) {
+        return nullptr;
     }
-    return false;
-}
-
-static bool HeardOnce(const Unit &unit) {
-    return unit.heard == 1 && unit.link >= 0;
-}
-
-// A text, or null when there is none.
-static const char *OrNull(const char *text) {
-    return text[0] != '\0' ? text : nullptr;
-}
-
-// An address as the unit wrote it; null for the ways in which units write that they have none.
-static const char *GivenAddress(const char *text, Address address) {
-    const bool none = address == 0 && strspn(text, "0.") == strlen(text);
-    return none ? nullptr : text;
-}
-
-template <size_t kSize>
-static const char *Number(char (&buffer)[kSize], int value) {
-    snprintf(buffer, sizeof buffer, "%d", value);
+    if (kKeys[key].kind == Kind::kTruth) {
+        return number != 0 ? "true" : "false";
+    }
+    snprintf(buffer, sizeof buffer, "%d", number);
     return buffer;
 }
 
-static const char *TruthText(bool value) {
-    return value ? "true" : "false";
-}
-
-// A port that is a number, which a unit's text need not be.
-static const char *Port(const Unit &unit) {
-    const char *text = unit.info.trigger_port;
-    const bool number = text[0] != '\0' && strspn(text, "0123456789") == strlen(text) &&
-                        (text[0] != '0' || text[1] == '\0');
-    return number ? text : nullptr;
-}
-
-// The value of a key as it is, or null when the unit has none. `buffer` is for what must be made.
-static const char *Value(const Unit &unit, const Links &links, Key key, char (&buffer)[40]) {
-    const UnitInfo &info = unit.info;
-    switch (key) {
-        case Key::kProtocol:
-            return unit.kirvex ? "kirvex" : "native";
-        case Key::kName:
-            return OrNull(info.name);
-        case Key::kModel:
-            return OrNull(info.model);
-        case Key::kProject:
-            return OrNull(info.proj);
-        case Key::kIp:
-            return GivenAddress(info.ip, unit.ip);
-        case Key::kPrefix:
-            return unit.Prefix() < 0 ? nullptr : Number(buffer, unit.Prefix());
-        case Key::kNetmask:
-            return GivenAddress(info.netmask, unit.netmask);
-        case Key::kGateway:
-            return GivenAddress(info.gateway, unit.gateway);
-        case Key::kDns:
-            if (unit.secondDns != 0) {
-                snprintf(buffer, sizeof buffer, "%s %s", info.dns, ToText(unit.secondDns).text);
-                return buffer;
-            }
-            return GivenAddress(info.dns, unit.dns);
-        case Key::kMac:
-            return OrNull(info.mac);
-        case Key::kPort:
-            return Port(unit);
-        case Key::kNote:
-            return OrNull(info.note);
-        case Key::kBrand:
-            return OrNull(unit.brand);
-        case Key::kFirmware:
-            return OrNull(unit.firmware);
-        case Key::kDhcp:
-            return unit.kirvex ? TruthText(unit.dhcp) : nullptr;
-        case Key::kDevice:
-            return OrNull(info.dev);
-        case Key::kInterface:
-            return unit.link >= 0 ? links.link[unit.link].name : nullptr;
-        case Key::kFits:
-            return unit.ip != 0 ? TruthText(FitsItsLink(unit, links)) : nullptr;
-        case Key::kHeard:
-            return Number(buffer, unit.heard);
-        case Key::kFields:
-            return unit.kirvex ? nullptr : Number(buffer, unit.fields);
-        case Key::kCount:
-            break;
-    }
-    return nullptr;
-}
-
 // The same, fit for a terminal and for one column.
-static void PrintValue(FILE *out, const Unit &unit, const Links &links, Key key) {
-    char buffer[40];
+static void PrintValue(FILE *out, const Unit &unit, Key key) {
+    NumberText buffer;
     char cell[kCellSize];
-    const char *value = Value(unit, links, key, buffer);
+    const char *value = Value(unit, key, buffer);
     MakeHarmless(value ? value : "", cell);
     fputs(cell, out);
 }
 
-// What a person should know beside what the unit says.
-static void WriteNote(const Unit &unit, char (&text)[kCellSize]) {
-    size_t used = 0;
-    if (HeardOnce(unit)) {
-        used += static_cast<size_t>(snprintf(text, sizeof text, "[heard once] "));
-    }
-    if (!unit.IsWhole()) {
-        used += static_cast<size_t>(
-            snprintf(text + used, sizeof text - used, "[%d fields] ", unit.fields));
-    }
-    if (unit.kirvex) {
-        snprintf(text + used, sizeof text - used, "KIRVEX %s %s", unit.brand, unit.firmware);
-    } else {
-        CopyText(text + used, sizeof text - used, unit.info.note);
-    }
-}
-
-static void WriteCell(const Unit &unit, const Links &links, size_t column,
-                      char (&cell)[kCellSize]) {
-    static constexpr Key kColumnKeys[] = {Key::kName,    Key::kModel, Key::kProject, Key::kIp,
-                                          Key::kGateway, Key::kMac,   Key::kPort};
+// Writes one cell of the table. Notes tell what a person should know beside what the unit says.
+static void WriteCell(const Unit &unit, int column, char (&cell)[kCellSize]) {
     char text[kCellSize];
+    NumberText number;
+    const char *value = Value(unit, kTable[column].key, number);
     if (column == kAddressColumn && unit.ip != 0) {
-        const bool fits = FitsItsLink(unit, links);
-        const int prefix = unit.Prefix();
-        char number[40];
-        snprintf(text, sizeof text, "%s/%s%s", unit.info.ip,
-                 prefix < 0 ? unit.info.netmask : Number(number, prefix), fits ? "" : " *");
+        const char *prefix = Value(unit, kPrefix, number);
+        snprintf(text, sizeof text, "%s/%s%s", unit.info.ip, prefix ? prefix : unit.info.netmask,
+                 unit.fits == 0 ? " *" : "");
     } else if (column == kNoteColumn) {
-        WriteNote(unit, text);
+        char fields[24] = "";
+        if (!unit.IsWhole()) {
+            snprintf(fields, sizeof fields, "[%d fields] ", unit.fields);
+        }
+        snprintf(text, sizeof text, "%s%s%s%s%s%s", unit.IsHeardOnce() ? "[heard once] " : "",
+                 fields, unit.kirvex ? "KIRVEX " : unit.info.note, unit.brand,
+                 unit.kirvex ? " " : "", unit.firmware);
     } else {
-        char buffer[40];
-        const char *value = Value(unit, links, kColumnKeys[column], buffer);
         CopyText(text, value ? value : "-");
     }
     MakeHarmless(text, cell);
 }
 
+// Writes a cell of the heading, which is row -1, or of a unit.
+static void WriteRow(UnitList &units, int row, int column, char (&cell)[kCellSize]) {
+    if (row < 0) {
+        CopyText(cell, kTable[column].heading);
+    } else {
+        WriteCell(units[row], column, cell);
+    }
+}
+
 // As wide as the longest text of each column, then less where a terminal has no room.
-static Widths MeasureColumns(Survey &survey, size_t columns) {
-    Widths widths;
-    for (size_t column = 0; column < kColumns; ++column) {
-        widths[column] = strlen(kHeading[column]);
-        for (int i = 0; i < survey.units().count(); ++i) {
+static void MeasureColumns(UnitList &units, size_t columns, Widths &widths) {
+    size_t total = 2 * (kColumns - 1);
+    for (int column = 0; column < kColumns; ++column) {
+        widths[column] = 0;
+        for (int row = -1; row < units.count(); ++row) {
             char cell[kCellSize];
-            WriteCell(survey.units()[i], survey.links(), column, cell);
+            WriteRow(units, row, column, cell);
             const size_t width = DisplayWidth(cell);
             widths[column] = width > widths[column] ? width : widths[column];
         }
+        total += widths[column];
     }
-    size_t total = 2 * (kColumns - 1);
-    for (const size_t width : widths) {
-        total += width;
-    }
-    while (columns > 0 && total > columns) {
-        size_t widest = kNameColumn;
-        for (const size_t column : {kModelColumn, kProjectColumn, kNoteColumn}) {
-            widest = widths[column] > widths[widest] ? column : widest;
+    for (; columns > 0 && total > columns; --total) {
+        size_t *widest = widths;
+        for (const Column column : {kModelColumn, kProjectColumn, kNoteColumn}) {
+            widest = widths[column] > *widest ? &widths[column] : widest;
         }
-        if (widths[widest] <= kLeastWidth) {
-            break;
+        if (*widest <= kLeastWidth) {
+            return;
         }
-        --widths[widest];
-        --total;
+        --*widest;
     }
-    return widths;
 }
 
 void PrintTable(FILE *out, Survey &survey, size_t columns) {
-    const Widths widths = MeasureColumns(survey, columns);
-    for (int row = -1; row < survey.units().count(); ++row) {
-        for (size_t column = 0; column < kColumns; ++column) {
+    UnitList &units = survey.units();
+    Widths widths;
+    MeasureColumns(units, columns, widths);
+    for (int row = -1; row < units.count(); ++row) {
+        for (int column = 0; column < kColumns; ++column) {
             char cell[kCellSize];
-            if (row < 0) {
-                CopyText(cell, kHeading[column]);
-            } else {
-                WriteCell(survey.units()[row], survey.links(), column, cell);
-            }
+            WriteRow(units, row, column, cell);
             // The last column is padded for nobody.
-            const bool padded = column + 1 < kColumns || DisplayWidth(cell) > widths[column];
+            const bool last = column == kColumns - 1;
+            const bool padded = !last || DisplayWidth(cell) > widths[column];
             PrintCell(out, cell, padded ? widths[column] : 0);
-            fputs(column + 1 < kColumns ? "  " : "\n", out);
+            fputs(last ? "\n" : "  ", out);
         }
     }
 }
 
-void PrintPlain(FILE *out, const Unit &unit, const Links &links) {
-    for (const Key key :
-         {Key::kName, Key::kModel, Key::kProject, Key::kIp, Key::kPrefix, Key::kGateway, Key::kMac,
-          Key::kPort, Key::kNote, Key::kProtocol, Key::kInterface}) {
-        PrintValue(out, unit, links, key);
+void PrintPlain(FILE *out, const Unit &unit) {
+    for (const Key key : {kName, kModel, kProject, kIp, kPrefix, kGateway, kMac, kPort, kNote,
+                          kProtocol, kInterface}) {
+        PrintValue(out, unit, key);
         fputc('\t', out);
     }
-    const char *separator = "";
-    for (const auto &[set, name] :
-         {std::pair(!FitsItsLink(unit, links), "foreign"), std::pair(HeardOnce(unit), "once"),
-          std::pair(!unit.IsWhole(), "fields")}) {
-        if (set) {
-            fprintf(out, "%s%s", separator, name);
-            separator = ",";
-        }
+    const char *const marks[] = {unit.fits == 1 ? "" : ",foreign",
+                                 unit.IsHeardOnce() ? ",once" : "",
+                                 unit.IsWhole() ? "" : ",fields"};
+    int used = 0;
+    for (const char *mark : marks) {
+        fputs(used == 0 && *mark != '\0' ? mark + 1 : mark, out);
+        used += *mark;
     }
     fputc('\n', out);
 }
 
-// The key that `name` begins with up to a "}", or kCount.
+// The key that `name` begins with up to a "}", or kKeyCount.
 static Key FindKey(const char *name) {
-    size_t i = 0;
-    for (const KeyInfo &info : kKeys) {
-        const size_t length = strlen(info.name);
-        if (strncmp(name, info.name, length) == 0 && name[length] == '}') {
+    int i = 0;
+    for (; i < kKeyCount; ++i) {
+        const size_t length = strlen(kKeys[i].name);
+        if (strncmp(name, kKeys[i].name, length) == 0 && name[length] == '}') {
             break;
         }
-        ++i;
     }
     return static_cast<Key>(i);
 }
 
 bool IsFormat(const char *format) {
     for (const char *at = strstr(format, "${"); at; at = strstr(at + 2, "${")) {
-        if (FindKey(at + 2) == Key::kCount) {
+        if (FindKey(at + 2) == kKeyCount) {
             fprintf(stderr, "tqctl: --format has no %.*s; it has",
                     static_cast<int>(strcspn(at, "}") + 1), at);
             for (const KeyInfo &info : kKeys) {
@@ -317,18 +255,16 @@ bool IsFormat(const char *format) {
     return true;
 }
 
-void PrintFormat(FILE *out, const char *format, const Unit &unit, const Links &links) {
-    static constexpr char kEscapes[] = "t\tn\n\\\\";
+void PrintFormat(FILE *out, const char *format, const Unit &unit) {
+    static constexpr char kEscapes[] = "tn\\";
+    static constexpr char kMeanings[] = "\t\n\\";
     for (const char *at = format; *at != '\0'; ++at) {
-        const char *escape = nullptr;
-        if (*at == '\\' && at[1] != '\0') {
-            escape = strchr(kEscapes, at[1]);
-        }
+        const char *escape = *at == '\\' && at[1] != '\0' ? strchr(kEscapes, at[1]) : nullptr;
         if (escape) {
-            fputc(escape[1], out);
+            fputc(kMeanings[escape - kEscapes], out);
             ++at;
         } else if (at[0] == '$' && at[1] == '{') {
-            PrintValue(out, unit, links, FindKey(at + 2));
+            PrintValue(out, unit, FindKey(at + 2));
             at = strchr(at, '}');
         } else {
             fputc(*at, out);
@@ -337,33 +273,29 @@ void PrintFormat(FILE *out, const char *format, const Unit &unit, const Links &l
     fputc('\n', out);
 }
 
-// A list of addresses separated by blanks.
+// A list of addresses separated by blanks; null is an empty one.
 static void PrintJsonList(FILE *out, const char *value) {
-    fputc('[', out);
-    for (const char *next = value; next && *next != '\0';) {
-        char item[40];
-        const size_t length = strcspn(next, " ");
-        CopyText(item, length + 1 < sizeof item ? length + 1 : sizeof item, next);
+    char separator = '[';
+    char item[sizeof Unit::nameServers];
+    for (; value; value = strchr(value, ' ')) {
+        value += *value == ' ' ? 1 : 0;
+        fputc(separator, out);
+        separator = ',';
+        CopyText(item, value);
+        item[strcspn(item, " ")] = '\0';
         PrintJsonString(out, item);
-        next += length;
-        if (*next == ' ') {
-            ++next;
-            fputc(',', out);
-        }
     }
-    fputc(']', out);
+    fputs(separator == '[' ? "[]" : "]", out);
 }
 
-static void PrintJsonUnit(FILE *out, const Unit &unit, const Links &links) {
-    const char *separator = "{";
-    for (size_t i = 0; i < static_cast<size_t>(Key::kCount); ++i) {
-        char buffer[40];
-        const char *value = Value(unit, links, static_cast<Key>(i), buffer);
-        fprintf(out, "%s\"%s\":", separator, kKeys[i].name);
-        separator = ",";
-        if (kKeys[i].kind == Kind::kList) {
+static void PrintJsonUnit(FILE *out, const Unit &unit) {
+    for (int i = 0; i < kKeyCount; ++i) {
+        NumberText buffer;
+        const char *value = Value(unit, static_cast<Key>(i), buffer);
+        fprintf(out, "%c\"%s\":", i == 0 ? '{' : ',', kKeys[i].name);
+        if (kKeys[i].kind == Kind::kAddresses) {
             PrintJsonList(out, value);
-        } else if (!value || kKeys[i].kind == Kind::kLiteral) {
+        } else if (!value || kKeys[i].kind >= Kind::kPort) {
             fputs(value ? value : "null", out);
         } else {
             PrintJsonString(out, value);
@@ -372,51 +304,48 @@ static void PrintJsonUnit(FILE *out, const Unit &unit, const Links &links) {
     fputc('}', out);
 }
 
-static void PrintMac(FILE *out, const uint8_t (&mac)[ETH_ALEN]) {
-    fprintf(out, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-}
-
 void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, const char *event) {
     fputs("{\"version\":1,", out);
     if (event) {
         fprintf(out, "\"event\":\"%s\",", event);
     }
     fputs("\"units\":[", out);
+    const char *const line = event ? "" : "\n";
     for (int i = 0; i < count; ++i) {
-        fputs(event ? "" : i == 0 ? "\n" : ",\n", out);
-        PrintJsonUnit(out, units[i], survey.links());
+        fprintf(out, "%s%s", i == 0 ? "" : ",", line);
+        PrintJsonUnit(out, units[i]);
     }
-    fputs(event ? "]" : "\n],\"silent\":[", out);
-    for (int i = 0; !event && i < survey.silentCount(); ++i) {
-        const Silent &silent = survey.silent()[i];
-        fprintf(out, "%s\n{\"ip\":\"%s\",\"gateway\":", i == 0 ? "" : ",",
-                ToText(silent.address).text);
-        fprintf(out, silent.gateway != 0 ? "\"%s\"" : "null", ToText(silent.gateway).text);
-        fputs(",\"mac\":\"", out);
-        PrintMac(out, silent.mac);
-        fprintf(out, "\",\"interface\":\"%s\"}", survey.links().link[silent.link].name);
+    fprintf(out, "%s]", line);
+    if (!event) {
+        fputs(",\"silent\":[", out);
+        for (int i = 0; i < survey.silentCount(); ++i) {
+            const Silent &silent = survey.silent()[i];
+            const char *const quote = silent.gateway != 0 ? "\"" : "";
+            fprintf(out,
+                    "%s\n{\"ip\":\"%s\",\"gateway\":%s%s%s,\"mac\":\"%s\",\"interface\":\"%s\"}",
+                    i == 0 ? "" : ",", ToText(silent.address).text, quote,
+                    ToText(silent.gateway, "null").text, quote, ToText(silent.mac).text,
+                    survey.links().link[silent.link].name);
+        }
+        fputc(']', out);
     }
-    fputs(event ? "}\n" : "]}\n", out);
+    fputs("}\n", out);
 }
 
-void PrintUnit(FILE *out, const Unit &unit, const Links &links) {
-    for (size_t i = 0; i < static_cast<size_t>(Key::kCount); ++i) {
-        char buffer[40];
-        if (Value(unit, links, static_cast<Key>(i), buffer)) {
+void PrintUnit(FILE *out, const Unit &unit) {
+    for (int i = 0; i < kKeyCount; ++i) {
+        NumberText buffer;
+        if (Value(unit, static_cast<Key>(i), buffer)) {
             fprintf(out, "%-10s ", kKeys[i].name);
-            PrintValue(out, unit, links, static_cast<Key>(i));
+            PrintValue(out, unit, static_cast<Key>(i));
             fputc('\n', out);
         }
     }
 }
 
-void PrintSettings(FILE *out, const Unit &unit) {
-    char name[kCellSize];
-    MakeHarmless(unit.info.name, name);
-    fprintf(out, "%s (%s) answers from %s/%d, gateway %s, name server %s\n", name, unit.info.mac,
-            ToText(unit.ip).text, unit.Prefix(),
-            unit.gateway != 0 ? ToText(unit.gateway).text : "none",
-            unit.dns != 0 ? ToText(unit.dns).text : "none");
+void PrintSettings(FILE *out, Address ip, int prefix, Address gateway, Address dns) {
+    fprintf(out, "%s/%d, gateway %s, name server %s\n", ToText(ip).text, prefix,
+            ToText(gateway, "none").text, ToText(dns, "none").text);
 }
 
 void ExplainMarks(Survey &survey) {
@@ -424,7 +353,7 @@ void ExplainMarks(Survey &survey) {
     bool partial = false;
     for (int i = 0; i < survey.units().count(); ++i) {
         const Unit &unit = survey.units()[i];
-        foreign |= unit.ip != 0 && !FitsItsLink(unit, survey.links());
+        foreign |= unit.fits == 0;
         partial |= !unit.IsWhole();
     }
     if (foreign) {
@@ -439,13 +368,11 @@ void ExplainMarks(Survey &survey) {
     for (int i = 0; i < survey.silentCount(); ++i) {
         const Silent &silent = survey.silent()[i];
         const AddressText address = ToText(silent.address);
-        fprintf(stderr, "%s (", address.text);
-        PrintMac(stderr, silent.mac);
         fprintf(stderr,
-                ") on %s can't answer, its gateway is %s: it may be a KIRVEX unit\n"
+                "%s (%s) on %s can't answer, its gateway is %s: it may be a KIRVEX unit\n"
                 "  tqctl show %s\n",
-                survey.links().link[silent.link].name,
-                silent.gateway != 0 ? ToText(silent.gateway).text : "none", address.text);
+                address.text, ToText(silent.mac).text, survey.links().link[silent.link].name,
+                ToText(silent.gateway, "none").text, address.text);
     }
 }
 

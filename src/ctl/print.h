@@ -12,21 +12,21 @@ void PrintTable(FILE *out, Survey &survey, size_t columns);
 
 // One line for a unit, its columns separated by tabs: name, model, project, ip, prefix, gateway,
 // mac, port, note, protocol, interface, marks.
-void PrintPlain(FILE *out, const Unit &unit, const Links &links);
+void PrintPlain(FILE *out, const Unit &unit);
 
 // One line for a unit, made from a text in which ${key} stands for a value and \t, \n and \\ for
 // what they usually do. IsFormat checks the text, with a message.
 bool IsFormat(const char *format);
-void PrintFormat(FILE *out, const char *format, const Unit &unit, const Links &links);
+void PrintFormat(FILE *out, const char *format, const Unit &unit);
 
 // One JSON object with all units. `event` may be null.
 void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, const char *event);
 
 // All that a unit says, one line for each value.
-void PrintUnit(FILE *out, const Unit &unit, const Links &links);
+void PrintUnit(FILE *out, const Unit &unit);
 
-// The settings of a unit in a few words.
-void PrintSettings(FILE *out, const Unit &unit);
+// Settings in a few words, and a line end.
+void PrintSettings(FILE *out, Address ip, int prefix, Address gateway, Address dns);
 
 // Says on standard error what the marks of a list mean, and who did not answer.
 void ExplainMarks(Survey &survey);

@@ -1,7 +1,5 @@
 #include "ctl/setup.h"
 
-#include <poll.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -121,8 +119,7 @@ static bool IsTaken(Session &session, Address address) {
     uint8_t mac[ETH_ALEN];
     const Holder holder = FindHolder(session.link(), address, mac);
     if (holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0) {
-        Fail(kUsage, "refused: %02X:%02X:%02X:%02X:%02X:%02X has %s already", mac[0], mac[1],
-             mac[2], mac[3], mac[4], mac[5], ToText(address).text);
+        Fail(kUsage, "refused: %s has %s already", ToText(mac).text, ToText(address).text);
         return true;
     }
     if (holder == Holder::kUnknown) {
@@ -206,9 +203,8 @@ static void Describe(const Session &session, const Wish &wish, const char *verb)
         fputs("DHCP\n", stderr);
         return;
     }
-    fprintf(stderr, "%s/%d, gateway %s, name server %s\n", ToText(wish.address).text, wish.prefix,
-            wish.gateway != 0 ? ToText(wish.gateway).text : "none",
-            ToText(wish.dns != 0 ? wish.dns : session.unit.dns).text);
+    PrintSettings(stderr, wish.address, wish.prefix, wish.gateway,
+                  wish.dns != 0 ? wish.dns : session.unit.dns);
 }
 
 namespace {
@@ -268,17 +264,20 @@ static bool HoldsAddress(const Verification &verification) {
 static Status Report(const Verification &verification) {
     const Wish &wish = verification.wish;
     const Unit &seen = verification.seen;
-    PrintSettings(verification.session.out, seen);
+    FILE *out = verification.session.out;
+    char name[kCellSize];
+    MakeHarmless(seen.info.name, name);
+    fprintf(out, "%s (%s) answers from ", name, seen.info.mac);
+    PrintSettings(out, seen.ip, seen.prefix, seen.gateway, seen.dns);
     if (!wish.dhcp && seen.gateway != wish.gateway) {
-        fprintf(stderr, "tqctl: but its gateway is %s\n",
-                seen.gateway != 0 ? ToText(seen.gateway).text : "none");
+        fprintf(stderr, "tqctl: but its gateway is %s\n", ToText(seen.gateway, "none").text);
     }
     return kDone;
 }
 
 static Status ReportFailure(const Verification &verification, bool heard) {
     const Session &session = verification.session;
-    const int seconds = static_cast<int>(session.options.wait / 1000);
+    const int seconds = session.options.wait / 1000;
     if (!heard) {
         return Fail(kNotTaken,
                     "the unit has not answered from anywhere within %d s (it was %s): its network "
@@ -303,10 +302,10 @@ static Status ReportFailure(const Verification &verification, bool heard) {
 // said before, because the first may be lost; one that was heard makes it deaf to the next.
 static Status Verify(Verification &verification, const UnitInfo *setup) {
     Session &session = verification.session;
-    const Milliseconds start = Now();
+    const Stopwatch watch;
     int sent = 1;
     bool heard = false;
-    while (Now() < start + session.options.wait) {
+    while (watch.Passed() < session.options.wait) {
         heard = HearUnit(verification);
         if (heard && ShowsWish(verification)) {
             return Report(verification);
@@ -317,7 +316,7 @@ static Status Verify(Verification &verification, const UnitInfo *setup) {
             return kDone;
         }
         verification.silent |= !heard;
-        if (setup && heard && sent < kMostSetups && Now() > start + sent * kRepeatAfter) {
+        if (setup && heard && sent < kMostSetups && watch.Passed() > sent * kRepeatAfter) {
             SendSetup(session, *setup);
             ++sent;
         }
@@ -375,8 +374,8 @@ static Status SetKirvex(Session &session, const Wish &wish) {
                     "files. Its resolver file needs a nameserver line, and its disk room");
     }
     if (verdict.answered) {
-        poll(nullptr, 0,
-             static_cast<int>(verdict.waitSeconds < 10 ? verdict.waitSeconds : 10) * 1000);
+        Pause(static_cast<Milliseconds>(verdict.waitSeconds < 10 ? verdict.waitSeconds : 10) *
+              1000);
     }
     Verification verification{session, wish, verdict.answered};
     return Verify(verification, nullptr);

@@ -88,14 +88,13 @@ void Survey::SearchFrom(int link, Address source) {
     neighbour_ = OpenUdp(links_.link[link], source, 0);
 }
 
-void Survey::Take(const Unit &unit, void *context) {
+void Survey::Take(Unit &unit, void *context) {
     Survey &survey = *static_cast<Survey *>(context);
-    Unit heard = unit;
-    heard.link = survey.link_;
-    const bool fresh = survey.units_.Take(heard);
-    if (fresh && survey.verbose_ && !heard.IsWhole()) {
-        fprintf(stderr, "tqctl: an answer on %s has %d fields instead of %d\n",
-                survey.links_.link[survey.link_].name, heard.fields, kPackageFields);
+    unit.Place(survey.links_, survey.link_);
+    const Unit *heard = survey.units_.Take(unit);
+    if (heard && heard->heard == 1 && survey.verbose_ && !heard->IsWhole()) {
+        fprintf(stderr, "tqctl: an answer on %s has %d fields instead of %d\n", heard->interface,
+                heard->fields, kPackageFields);
     }
 }
 
@@ -157,9 +156,9 @@ void Survey::Listen(Milliseconds time) {
     }
     wanted[count] = {neighbour_.get(), POLLIN, 0};
     wanted[count + 1] = {arp_.get(), POLLIN, 0};
-    const Milliseconds end = Now() + time;
-    for (Milliseconds left = time; left > 0; left = end - Now()) {
-        if (poll(wanted, static_cast<nfds_t>(count) + 2, static_cast<int>(left)) < 1) {
+    const Stopwatch watch;
+    for (Milliseconds left; (left = time - watch.Passed()) > 0;) {
+        if (poll(wanted, static_cast<nfds_t>(count) + 2, left) < 1) {
             continue;
         }
         for (int i = 0; i < count; ++i) {
@@ -186,10 +185,10 @@ void Survey::ShowProgress() const {
 }
 
 Status Survey::Discover(Milliseconds time) {
-    const Milliseconds start = Now();
+    const Stopwatch watch;
     int quiet = 0;
     for (;;) {
-        const Milliseconds passed = Now() - start;
+        const Milliseconds passed = watch.Passed();
         if (time > 0 ? passed >= time
                      : passed >= kMostTime || (quiet >= kQuietRounds && passed >= kLeastTime)) {
             break;

@@ -64,7 +64,7 @@ class Survey {
     void TakeSearchReply(int sock, int link);
     void TakeArp();
     void ShowProgress() const;
-    static void Take(const Unit &unit, void *context);
+    static void Take(Unit &unit, void *context);
 
     const Links &links_;
     bool verbose_;

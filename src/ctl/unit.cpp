@@ -21,25 +21,46 @@ static constexpr size_t kMacTextLength = 17;
 
 // A LAN with more units than this sends them to exhaust memory.
 static constexpr int kMostUnits = 4096;
+static constexpr int kGrowth = 64;
+
+// The size of each text of the record, in the order in which a package carries them.
+static constexpr uint8_t kTextSizes[kPackageFields] = {
+    sizeof UnitInfo::model,   sizeof UnitInfo::proj,         sizeof UnitInfo::name,
+    sizeof UnitInfo::ip,      sizeof UnitInfo::trigger_port, sizeof UnitInfo::netmask,
+    sizeof UnitInfo::gateway, sizeof UnitInfo::dns,          sizeof UnitInfo::mac,
+    sizeof UnitInfo::dev,     sizeof UnitInfo::note};
+static_assert(offsetof(UnitInfo, note) + sizeof UnitInfo::note == offsetof(UnitInfo, mtu));
+
+// Numbers in that order.
+enum Text { kName = 2, kMac = 8, kNote = 10 };
 
 bool Unit::IsSameAs(const Unit &other) const {
     return kirvex == other.kirvex && strcasecmp(info.mac, other.info.mac) == 0 &&
            strcmp(info.name, other.info.name) == 0 &&
-           (HasMac() || strcmp(info.note, other.info.note) == 0);
+           (info.mac[0] != '\0' || strcmp(info.note, other.info.note) == 0);
+}
+
+void Unit::Place(const Links &links, int number) {
+    link = number;
+    bool fitting = false;
+    for (int i = 0; i < links.count; ++i) {
+        fitting |= (number == -1 || number == i) && links.link[i].Fits(ip);
+    }
+    fits = ip == 0 ? -1 : fitting;
+    CopyText(interface, number == -1 ? "" : links.link[number].name);
 }
 
 bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
-    for (int i = 0; i < ETH_ALEN; ++i) {
-        if (i > 0 && (*text == ':' || *text == '-')) {
+    for (int digit = 0; digit < 2 * ETH_ALEN; ++digit) {
+        if (digit > 0 && digit % 2 == 0 && (*text == ':' || *text == '-')) {
             ++text;
         }
-        unsigned value;
-        if (!isxdigit(static_cast<unsigned char>(text[0])) ||
-            !isxdigit(static_cast<unsigned char>(text[1])) || sscanf(text, "%2x", &value) != 1) {
+        const char c = *text++;
+        if (!isxdigit(static_cast<unsigned char>(c))) {
             return false;
         }
-        mac[i] = static_cast<uint8_t>(value);
-        text += 2;
+        const int value = c <= '9' ? c - '0' : (c & 7) + 9;
+        mac[digit / 2] = static_cast<uint8_t>(mac[digit / 2] << 4 | value);
     }
     return *text == '\0';
 }
@@ -49,11 +70,14 @@ static Address AddressOf(const char *text) {
     return ReadAddress(text, &address) ? address : 0;
 }
 
-static void ReadAddresses(Unit *unit) {
+// Reads what stands in the record's texts.
+static void ReadTexts(Unit *unit) {
     unit->ip = AddressOf(unit->info.ip);
     unit->netmask = AddressOf(unit->info.netmask);
     unit->gateway = AddressOf(unit->info.gateway);
     unit->dns = AddressOf(unit->info.dns);
+    unit->prefix = unit->netmask == 0 ? -1 : PrefixOf(unit->netmask);
+    ReadMac(unit->info.mac, unit->mac);
 }
 
 // Splits a text at its commas, in place, empty fields kept. Returns their number.
@@ -89,35 +113,30 @@ bool ReadUnitText(const char *text, Unit *unit) {
     if (strncmp(text, kMagic, sizeof kMagic - 1) != 0) {
         return false;
     }
+    CopyText(unit->protocol, "native");
+    unit->prefix = unit->dhcp = unit->fits = -1;
     char copy[1024];
     CopyText(copy, text + sizeof kMagic - 1);
     char *fields[kMostFields];
-    UnitInfo &info = unit->info;
     const int count = Split(copy, fields);
-    unit->fields = count;
     const int mac = FindMac(fields, count);
     if (mac == -1) {
-        unit->fields = 0;
-        CopyText(info.note, Join(fields, 0, count - 1));
+        CopyText(unit->info.note, Join(fields, 0, count - 1));
         return true;
     }
     for (int i = 0; i < count; ++i) {
         // The receiver of a package does not count empty fields.
-        unit->fields -= fields[i][0] == '\0' ? 1 : 0;
+        unit->fields += fields[i][0] != '\0' ? 1 : 0;
     }
-    CopyText(info.model, fields[0]);
-    CopyText(info.proj, fields[1]);
-    CopyText(info.ip, fields[mac - 5]);
-    CopyText(info.trigger_port, fields[mac - 4]);
-    CopyText(info.netmask, fields[mac - 3]);
-    CopyText(info.gateway, fields[mac - 2]);
-    CopyText(info.dns, fields[mac - 1]);
-    CopyText(info.mac, fields[mac]);
-    CopyText(info.dev, mac + 1 < count ? fields[mac + 1] : "");
-    CopyText(info.name, Join(fields, 2, mac - 6));
-    CopyText(info.note, Join(fields, mac + 2, count - 1));
-    ReadMac(info.mac, unit->mac);
-    ReadAddresses(unit);
+    char *out = reinterpret_cast<char *>(&unit->info);
+    for (int i = 0; i < kPackageFields; ++i) {
+        const int from = i > kName ? mac + i - kMac : i;
+        const int to = i == kName ? mac + kName - kMac : i == kNote ? count - 1 : from;
+        CopyText(out, kTextSizes[i], to < count ? Join(fields, from, to) : "");
+        out += kTextSizes[i];
+    }
+    CopyText(unit->nameServers, unit->info.dns);
+    ReadTexts(unit);
     return true;
 }
 
@@ -149,10 +168,10 @@ static void CopyField(char (&out)[kSize], std::span<const uint8_t> packet, kx::F
     out[length] = '\0';
 }
 
-static Address CopyAddress(char (&text)[16], std::span<const uint8_t> packet,
-                           kx::SettingsField field) {
-    CopyText(text, kx::ReadAddress(packet, field.In(kx::kReplySettings)).text);
-    return AddressOf(text);
+template <size_t kSize>
+static void CopyAddress(char (&out)[kSize], std::span<const uint8_t> packet,
+                        kx::SettingsField field) {
+    CopyText(out, kx::ReadAddress(packet, field.In(kx::kReplySettings)).text);
 }
 
 bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit) {
@@ -165,22 +184,26 @@ bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit) {
     }
     UnitInfo &info = unit->info;
     unit->kirvex = true;
+    unit->fields = unit->fits = -1;
+    CopyText(unit->protocol, "kirvex");
     CopyField(unit->brand, packet, kx::kBrandName);
     CopyField(unit->firmware, packet, kx::kFirmware);
     CopyField(info.model, packet, kx::kModelName);
     CopyField(info.name, packet, kx::kCameraName.In(kx::kReplySettings));
     snprintf(info.trigger_port, sizeof info.trigger_port, "%u",
              kx::ReadInteger(packet, kx::kWebPort.In(kx::kReplySettings)));
-    unit->ip = CopyAddress(info.ip, packet, kx::kNewAddress);
-    unit->netmask = CopyAddress(info.netmask, packet, kx::kNetmask);
-    unit->gateway = CopyAddress(info.gateway, packet, kx::kGateway);
-    unit->dns = CopyAddress(info.dns, packet, kx::kPrimaryDns);
-    char second[sizeof info.dns];
-    unit->secondDns = CopyAddress(second, packet, kx::kSecondaryDns);
+    CopyAddress(info.ip, packet, kx::kNewAddress);
+    CopyAddress(info.netmask, packet, kx::kNetmask);
+    CopyAddress(info.gateway, packet, kx::kGateway);
+    CopyAddress(info.dns, packet, kx::kPrimaryDns);
+    CopyAddress(unit->nameServers, packet, kx::kSecondaryDns);
+    unit->secondDns = AddressOf(unit->nameServers);
+    snprintf(unit->nameServers, sizeof unit->nameServers, unit->secondDns != 0 ? "%s %s" : "%s",
+             info.dns, ToText(unit->secondDns).text);
     // A unit with a fixed address sends another value than 1, and not 0.
     unit->dhcp = kx::ReadInteger(packet, kx::kDhcp.In(kx::kReplySettings)) == 1;
     CopyText(info.mac, kx::ReadMac(packet, kx::kBodyMac).text);
-    ReadMac(info.mac, unit->mac);
+    ReadTexts(unit);
     return true;
 }
 
@@ -197,28 +220,24 @@ Unit *UnitList::Find(const Unit &unit) {
     return nullptr;
 }
 
-bool UnitList::Take(const Unit &unit) {
-    if (Unit *known = Find(unit)) {
-        const int heard = known->heard + 1;
-        *known = unit;
-        known->heard = heard;
-        return false;
-    }
-    if (count_ == kMostUnits) {
-        return false;
-    }
-    if (count_ == room_) {
-        const int room = room_ == 0 ? 64 : room_ * 2;
-        void *grown = realloc(units_, static_cast<size_t>(room) * sizeof(Unit));
-        if (!grown) {
-            return false;
+Unit *UnitList::Take(const Unit &unit) {
+    Unit *known = Find(unit);
+    const int heard = known ? known->heard : 0;
+    if (!known) {
+        if (count_ % kGrowth == 0) {
+            void *grown = count_ < kMostUnits
+                              ? realloc(units_, static_cast<size_t>(count_ + kGrowth) * sizeof unit)
+                              : nullptr;
+            if (!grown) {
+                return nullptr;
+            }
+            units_ = static_cast<Unit *>(grown);
         }
-        units_ = static_cast<Unit *>(grown);
-        room_ = room;
+        known = &units_[count_++];
     }
-    units_[count_] = unit;
-    units_[count_++].heard = 1;
-    return true;
+    *known = unit;
+    known->heard = heard + 1;
+    return known;
 }
 
 void UnitList::Sort() {

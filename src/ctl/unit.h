@@ -14,28 +14,34 @@ namespace ctl {
 
 inline constexpr int kPackageFields = 11;
 
+// What is -1 in it is not known.
 struct Unit {
     UnitInfo info;  // its texts, as it says them
     bool kirvex;
-    char brand[64];  // KIRVEX alone, like the next three
+    char protocol[8];
+    char brand[64];  // KIRVEX alone, like the next one
     char firmware[32];
-    bool dhcp;
-    Address secondDns;
+    char nameServers[40];  // all of them, with blanks between
     uint8_t mac[ETH_ALEN];
     Address ip;  // 0 when the text is no address, like the following
     Address netmask;
     Address gateway;
     Address dns;
+    Address secondDns;
+    int prefix;  // -1 also for a netmask with holes
+    int dhcp;
     int fields;  // what a native answer carried; kPackageFields when it was whole
     int heard;   // how often
     int link;    // on which link; -1 when another unit told
+    int fits;    // whether its address lies in a subnet of that link
+    char interface[IFNAMSIZ];
 
     bool IsWhole() const { return kirvex || fields == kPackageFields; }
-    bool HasMac() const { return info.mac[0] != '\0'; }
-    // The prefix length; -1 for a netmask with holes, and without one.
-    int Prefix() const { return netmask == 0 ? -1 : PrefixOf(netmask); }
+    bool IsHeardOnce() const { return heard == 1 && link >= 0; }
     // What names a unit among others.
     bool IsSameAs(const Unit &other) const;
+    // Notes on which link it was heard.
+    void Place(const Links &links, int number);
 };
 
 // Reads the text of a native package (inverted back, zero-terminated). An answer with other than
@@ -45,7 +51,7 @@ bool ReadUnitText(const char *text, Unit *unit);
 
 // Reads an encoded package or list reply of `length` bytes; `take` is called for every unit in it.
 // Returns their number.
-using TakeUnit = void (*)(const Unit &unit, void *context);
+using TakeUnit = void (*)(Unit &unit, void *context);
 int ReadPackage(const char *encoded, size_t length, TakeUnit take, void *context);
 
 // Reads a KIRVEX search reply.
@@ -62,8 +68,8 @@ class UnitList {
     UnitList &operator=(const UnitList &) = delete;
     ~UnitList();
 
-    // Adds a unit, or counts and renews the one that is there. Returns whether it is new.
-    bool Take(const Unit &unit);
+    // Adds a unit, or counts and renews the one that is there. Returns it; null without memory.
+    Unit *Take(const Unit &unit);
     // The same unit as it is known; null when it is not. Valid until the next change.
     Unit *Find(const Unit &unit);
     void Sort();  // by address, then by MAC
@@ -76,7 +82,6 @@ class UnitList {
   private:
     Unit *units_ = nullptr;
     int count_ = 0;
-    int room_ = 0;
 };
 
 }  // namespace ctl

@@ -7,12 +7,12 @@
 namespace ctl {
 
 // Checks the account of a command line, and reads its password.
-Status ReadCredentials(const Options &options, Secret *password);
+void ReadCredentials(const Options &options, Secret *password);
 
-// What a unit means that refuses without a reason.
-Status FailLogin();
+// Ends with what a unit means that refuses without a reason.
+[[noreturn]] void FailLogin();
 
-Status CheckPassword(Session &session);
-Status ChangePassword(Session &session);
+void CheckPassword(Session &session);
+void ChangePassword(Session &session);
 
 }  // namespace ctl

@@ -37,29 +37,25 @@ static bool ReadLine(int descriptor, Secret *line) {
     return used > 0;
 }
 
-static Status ReadFromFile(const char *path, Secret *password) {
-    const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+// Reads a password from a file; without one from standard input.
+static void ReadFrom(const char *path, Secret *password) {
+    const UniqueFd file(path ? open(path, O_RDONLY | O_CLOEXEC) : dup(STDIN_FILENO));
+    const char *name = path ? path : "standard input";
     if (!file) {
-        return Fail(kUsage, "can't read %s: %s", path, strerror(errno));
+        Fail(kUsage, "can't read %s: %s", name, strerror(errno));
     }
-    return ReadLine(file.get(), password)
-               ? kDone
-               : Fail(kUsage, "%s does not begin with a line of at most 63 characters", path);
+    if (!ReadLine(file.get(), password)) {
+        Fail(kUsage, "%s has no line of at most 63 characters", name);
+    }
 }
 
-static Status ReadFromInput(Secret *password) {
-    return ReadLine(STDIN_FILENO, password)
-               ? kDone
-               : Fail(kUsage, "standard input ended before a line of at most 63 characters");
-}
-
-static Status ReadFromTerminal(const char *prompt, Secret *password) {
+static void ReadFromTerminal(const char *prompt, Secret *password) {
     const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
     termios settings;
     if (!terminal || tcgetattr(terminal.get(), &settings) == -1) {
-        return Fail(kUsage,
-                    "there is no terminal to ask for the password on: use --password-file or "
-                    "--password-stdin");
+        Fail(kUsage,
+             "there is no terminal to ask for the password on: use --password-file or "
+             "--password-stdin");
     }
     RestoreWhenStopped(terminal.get(), settings);
     termios silent = settings;
@@ -70,30 +66,30 @@ static Status ReadFromTerminal(const char *prompt, Secret *password) {
     dprintf(terminal.get(), "\n");
     tcsetattr(terminal.get(), TCSAFLUSH, &settings);
     RestoreWhenStopped(-1, settings);
-    return read ? kDone : Fail(kUsage, "no password, or one of more than 63 characters");
+    if (!read) {
+        Fail(kUsage, "no password, or one of more than 63 characters");
+    }
 }
 
-Status ReadPassword(const Options &options, Secret *password) {
-    if (options.passwordFile) {
-        return ReadFromFile(options.passwordFile, password);
+void ReadPassword(const Options &options, Secret *password) {
+    if (options.passwordFile || options.passwordStdin) {
+        ReadFrom(options.passwordFile, password);
+    } else {
+        ReadFromTerminal("Password", password);
     }
-    return options.passwordStdin ? ReadFromInput(password) : ReadFromTerminal("Password", password);
 }
 
-Status ReadNewPassword(const Options &options, Secret *password) {
-    if (options.newPasswordFile) {
-        return ReadFromFile(options.newPasswordFile, password);
-    }
-    if (options.passwordStdin) {
-        return ReadFromInput(password);
+void ReadNewPassword(const Options &options, Secret *password) {
+    if (options.newPasswordFile || options.passwordStdin) {
+        ReadFrom(options.newPasswordFile, password);
+        return;
     }
     Secret again;
-    Status status = ReadFromTerminal("New password", password);
-    status = status == kDone ? ReadFromTerminal("New password again", &again) : status;
-    if (status == kDone && strcmp(password->text, again.text) != 0) {
-        return Fail(kUsage, "the two new passwords differ");
+    ReadFromTerminal("New password", password);
+    ReadFromTerminal("New password again", &again);
+    if (strcmp(password->text, again.text) != 0) {
+        Fail(kUsage, "the two new passwords differ");
     }
-    return status;
 }
 
 bool Confirm(const char *question) {

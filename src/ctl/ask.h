@@ -18,10 +18,10 @@ struct Secret {
 
 // Reads the current password of an account: from a file or standard input if the options say so,
 // else from the terminal, without echo.
-Status ReadPassword(const Options &options, Secret *password);
+void ReadPassword(const Options &options, Secret *password);
 
 // Reads the new one, from the terminal twice.
-Status ReadNewPassword(const Options &options, Secret *password);
+void ReadNewPassword(const Options &options, Secret *password);
 
 // Asks on the terminal; no without one.
 bool Confirm(const char *question);

@@ -134,34 +134,34 @@ static bool IsThere(const Links &links, const char *name) {
     return false;
 }
 
-Status FindLinks(const Options &options, Links *links) {
+void FindLinks(const Options &options, Links *links) {
     ifaddrs *list = nullptr;
     if (getifaddrs(&list) == -1) {
-        return Fail(kNoRight, "can't list this machine's interfaces: %s", strerror(errno));
+        Fail(kNoRight, "can't list this machine's interfaces: %s", strerror(errno));
     }
     const std::unique_ptr<ifaddrs, FreeInterfaces> owner(list);
+    // All interfaces come before the first address.
     for (const ifaddrs *i = list; i; i = i->ifa_next) {
-        if (i->ifa_addr && i->ifa_addr->sa_family == AF_PACKET && IsWanted(options, *i)) {
-            AddLink(*i, links);
+        if (!i->ifa_addr) {
+            continue;
         }
-    }
-    for (const ifaddrs *i = list; i; i = i->ifa_next) {
-        if (i->ifa_addr && i->ifa_addr->sa_family == AF_INET) {
+        if (i->ifa_addr->sa_family == AF_PACKET && IsWanted(options, *i)) {
+            AddLink(*i, links);
+        } else if (i->ifa_addr->sa_family == AF_INET) {
             AddAddress(*i, links);
         }
     }
     for (int i = 0; i < options.interfaceCount; ++i) {
         if (!IsThere(*links, options.interfaces[i])) {
-            return Fail(kUsage, "there is no Ethernet interface %s here; 'ip link' lists them",
-                        options.interfaces[i]);
+            Fail(kUsage, "there is no Ethernet interface %s here; 'ip link' lists them",
+                 options.interfaces[i]);
         }
     }
     if (links->count == 0) {
-        return Fail(kNoRight,
-                    "no interface is up and can broadcast: plug the cable in, or set one up with "
-                    "'ip link set eth0 up'");
+        Fail(kNoRight,
+             "no interface is up and can broadcast: plug the cable in, or set one up with 'ip link "
+             "set eth0 up'");
     }
-    return kDone;
 }
 
 }  // namespace ctl

@@ -55,6 +55,6 @@ struct Links {
 };
 
 // Finds the interfaces that were asked for, or all that are up and can broadcast.
-Status FindLinks(const Options &options, Links *links);
+void FindLinks(const Options &options, Links *links);
 
 }  // namespace ctl

@@ -30,41 +30,38 @@ static bool IsWanted(const Unit &unit, const Options &options) {
     return !options.project || strcasecmp(unit.info.proj, options.project) == 0;
 }
 
+static void PrintLine(Session &session, const Unit &unit) {
+    if (session.options.format) {
+        PrintFormat(session.out, session.options.format, unit);
+    } else {
+        PrintPlain(session.out, unit);
+    }
+}
+
 static void PrintUnits(Session &session) {
     const Options &options = session.options;
     UnitList &units = session.survey.units();
     if (options.json) {
-        PrintJson(session.out, session.survey, units.count() > 0 ? &units[0] : nullptr,
-                  units.count(), nullptr);
-        return;
-    }
-    if (!options.plain && !options.format) {
+        PrintJson(session.out, session.survey, units.data(), units.count(), nullptr);
+    } else if (options.plain || options.format) {
+        for (int i = 0; i < units.count(); ++i) {
+            PrintLine(session, units[i]);
+        }
+    } else {
         if (units.count() > 0) {
             PrintTable(session.out, session.survey, TerminalColumns(session.out));
         }
-        fflush(session.out);
+        session.Flush();
         ExplainMarks(session.survey);
-        return;
-    }
-    for (int i = 0; i < units.count(); ++i) {
-        if (options.format) {
-            PrintFormat(session.out, options.format, units[i]);
-        } else {
-            PrintPlain(session.out, units[i]);
-        }
     }
 }
 
-static void PrintEvent(Session &session, const char *sign, const char *event, const Unit &unit) {
+static void PrintEvent(Session &session, char sign, const char *event, const Unit &unit) {
     if (session.options.json) {
         PrintJson(session.out, session.survey, &unit, 1, event);
     } else {
-        fprintf(session.out, "%s\t", sign);
-        if (session.options.format) {
-            PrintFormat(session.out, session.options.format, unit);
-        } else {
-            PrintPlain(session.out, unit);
-        }
+        fprintf(session.out, "%c\t", sign);
+        PrintLine(session, unit);
     }
 }
 
@@ -78,9 +75,9 @@ static void PrintChanges(Session &session, UnitList &known) {
         }
         const Unit *before = known.Find(heard[i]);
         if (!before) {
-            PrintEvent(session, "+", "appeared", heard[i]);
+            PrintEvent(session, '+', "appeared", heard[i]);
         } else if (memcmp(&before->info, &heard[i].info, sizeof before->info) != 0) {
-            PrintEvent(session, "~", "changed", heard[i]);
+            PrintEvent(session, '~', "changed", heard[i]);
         }
         // From here on the count is of rounds without an answer.
         if (Unit *taken = known.Take(heard[i])) {
@@ -89,25 +86,19 @@ static void PrintChanges(Session &session, UnitList &known) {
     }
     for (int i = known.count() - 1; i >= 0; --i) {
         if (++known[i].heard > kMissesUntilGone) {
-            PrintEvent(session, "-", "gone", known[i]);
+            PrintEvent(session, '-', "gone", known[i]);
             known.Drop(i);
         }
     }
 }
 
 // Until a signal, or nobody reads any more.
-static Status Watch(Session &session) {
+[[noreturn]] static void Watch(Session &session) {
     UnitList known;
     for (;;) {
         PrintChanges(session, known);
-        if (fflush(session.out) != 0) {
-            return kDone;
-        }
-        session.survey.units().Clear();
-        session.survey.Query();
-        session.survey.Listen(500);
-        session.survey.Query();
-        session.survey.Listen(500);
+        session.Flush();
+        session.survey.HearRound(500);
     }
 }
 
@@ -117,11 +108,11 @@ static int ConnectTo(const char *address) {
         errno = EINVAL;
         return -1;
     }
-    UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in peer = InternetAddress(htonl(ip), TQ_SERVER_PORT);
     const timeval limit{10, 0};
-    setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    return connect(sock.get(), AsSockaddr(peer), sizeof peer) == 0 ? sock.release() : -1;
+    setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return connect(sock, AsSockaddr(peer), sizeof peer) == 0 ? sock : -1;
 }
 
 // Reads to the end of the connection. Returns the bytes.
@@ -144,15 +135,15 @@ static void TakeTold(Unit &unit, void *context) {
     session.survey.units().Take(unit);
 }
 
-static Status AskVia(Session &session) {
+static void AskVia(Session &session) {
     const char *via = session.options.via;
     FindLinks(session.options, &session.links);  // which addresses would fit here
     const UniqueFd sock(ConnectTo(via));
     if (!sock) {
-        return Fail(kNoUnit,
-                    "can't reach %s, TCP port %d: %s. Is it the address of a native unit, and does "
-                    "every firewall between let that port through?",
-                    via, TQ_SERVER_PORT, strerror(errno));
+        Fail(kNoUnit,
+             "can't reach %s, TCP port %d: %s. Is it the address of a native unit, and does every "
+             "firewall between let that port through?",
+             via, TQ_SERVER_PORT, strerror(errno));
     }
     // A server wants all fields, and reads none of them.
     static constexpr UnitInfo kAnybody{
@@ -161,25 +152,25 @@ static Status AskVia(Session &session) {
     const size_t size = discovery::EncodeUnit(TQ_PACKAGE_LIST_REQUEST, kAnybody, request);
     const HeapBlock<char> list = ZeroedBlock(kLongestList);
     if (!list || send(sock.get(), request, size, MSG_NOSIGNAL) == -1) {
-        return Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
+        Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
     }
     const size_t length = ReadAll(sock.get(), list.get(), kLongestList);
     ReadPackage(list.get(), length, TakeTold, &session);
     session.survey.units().Sort();
-    return kDone;
 }
 
-Status List(Session &session) {
+void List(Session &session) {
     const Options &options = session.options;
-    if (options.format && !IsFormat(options.format)) {
-        return kUsage;
+    if (options.format) {
+        CheckFormat(options.format);
     }
-    const Status status = options.via ? AskVia(session) : session.Start();
-    if (status != kDone) {
-        return status;
+    if (options.via) {
+        AskVia(session);
+    } else {
+        session.Start();
     }
     if (options.watch) {
-        return Watch(session);
+        Watch(session);
     }
     UnitList &units = session.survey.units();
     for (int i = units.count() - 1; i >= 0; --i) {
@@ -188,30 +179,23 @@ Status List(Session &session) {
         }
     }
     PrintUnits(session);
-    if (units.count() > 0) {
-        return kDone;
+    session.Flush();
+    if (units.count() == 0 && options.via) {
+        Fail(kNoUnit, "%s gave no list: a unit that finds no other on its LAN gives none",
+             options.via);
     }
-    if (options.via) {
-        return Fail(kNoUnit, "%s gave no list: a unit that finds no other on its LAN gives none",
-                    options.via);
+    if (units.count() == 0) {
+        Fail(kNoUnit, "no unit answered. %s", kLikeliest);
     }
-    return Fail(kNoUnit,
-                "no unit answered. Is it on, and on this LAN? Does a firewall here let UDP ports "
-                "6666, 6667 and 62976 through?");
 }
 
-Status Show(Session &session) {
-    Status status = session.Start();
-    status = status == kDone ? session.SelectUnit() : status;
-    if (status != kDone) {
-        return status;
-    }
+void Show(Session &session) {
+    session.SelectUnit();
     if (session.options.json) {
         PrintJson(session.out, session.survey, &session.unit, 1, nullptr);
     } else {
         PrintUnit(session.out, session.unit);
     }
-    return kDone;
 }
 
 }  // namespace ctl

@@ -5,7 +5,7 @@
 
 namespace ctl {
 
-Status List(Session &session);
-Status Show(Session &session);
+void List(Session &session);
+void Show(Session &session);
 
 }  // namespace ctl

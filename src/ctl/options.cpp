@@ -127,7 +127,7 @@ static void PrintHelp(FILE *out, Command command) {
 }
 
 // A number of seconds between 0.1 and one day, such as 2 or 0.25.
-static bool ReadSeconds(const char *text, Milliseconds *value) {
+static Milliseconds ReadSeconds(const char *text) {
     static constexpr unsigned long kLongest = 86400;
     char *end;
     const unsigned long seconds = strtoul(text, &end, 10);
@@ -139,36 +139,32 @@ static bool ReadSeconds(const char *text, Milliseconds *value) {
     }
     if (*end != '\0' || seconds > kLongest || time < 100 || time > kLongest * 1000) {
         Fail(kUsage, "'%s' is no number of seconds", text);
-        return false;
     }
-    *value = static_cast<Milliseconds>(time);
-    return true;
+    return static_cast<Milliseconds>(time);
 }
 
-static bool TakeOption(const OptionInfo &info, const char *value, Options *options) {
+static void TakeOption(const OptionInfo &info, const char *value, Options *options) {
     char *place = reinterpret_cast<char *>(options) + info.offset;
     switch (info.kind) {
         case Kind::kFlag:
             *reinterpret_cast<bool *>(place) = true;
-            return true;
+            return;
         case Kind::kText:
             *reinterpret_cast<const char **>(place) = value;
-            return true;
+            return;
         case Kind::kTime:
-            return ReadSeconds(value, reinterpret_cast<Milliseconds *>(place));
+            *reinterpret_cast<Milliseconds *>(place) = ReadSeconds(value);
+            return;
         case Kind::kInterface:
-            break;
+            if (options->interfaceCount == kMostLinks) {
+                Fail(kUsage, "more than %d interfaces", kMostLinks);
+            }
+            options->interfaces[options->interfaceCount++] = value;
     }
-    if (options->interfaceCount == kMostLinks) {
-        Fail(kUsage, "more than %d interfaces", kMostLinks);
-        return false;
-    }
-    options->interfaces[options->interfaceCount++] = value;
-    return true;
 }
 
-// Takes the options, and notes which were given, one bit each.
-static bool TakeOptions(int argc, char **argv, Options *options, uint32_t *given) {
+// Takes the options. Returns which were given, one bit each.
+static uint32_t TakeOptions(int argc, char **argv, Options *options) {
     static constexpr int kFirst = 256;  // behind all letters
     option longs[kOptionCount + 1] = {};
     for (int i = 0; i < kOptionCount; ++i) {
@@ -176,39 +172,19 @@ static bool TakeOptions(int argc, char **argv, Options *options, uint32_t *given
         longs[i].has_arg = kOptions[i].kind == Kind::kFlag ? no_argument : required_argument;
         longs[i].val = kFirst + i;
     }
+    uint32_t given = 0;
     for (int which; (which = getopt_long(argc, argv, "i:t:vF:", longs, nullptr)) != -1;) {
         int i = 0;
         while (i < kOptionCount && which != kFirst + i && which != kOptions[i].letter) {
             ++i;
         }
-        if (i == kOptionCount || !TakeOption(kOptions[i], optarg, options)) {
-            return false;
+        if (i == kOptionCount) {
+            exit(kUsage);
         }
-        *given |= 1U << i;
+        TakeOption(kOptions[i], optarg, options);
+        given |= 1U << i;
     }
-    return true;
-}
-
-// The words that are no options: a command, and the unit that all but list want.
-static bool TakeWords(int count, char **words, Options *options) {
-    if (count == 0) {
-        PrintHelp(stderr, Command::kNone);
-        return false;
-    }
-    options->command = FindCommand(words[0]);
-    if (options->command == Command::kNone) {
-        Fail(kUsage, "there is no command '%s'; tqctl --help lists them", words[0]);
-        return false;
-    }
-    const int wanted = options->command == Command::kList ? 1 : 2;
-    if (count != wanted) {
-        Fail(kUsage,
-             wanted == 1 ? "list takes no unit; 'tqctl show' shows one" : "%s takes one UNIT",
-             words[0]);
-        return false;
-    }
-    options->unit = words[1];  // null behind the last word
-    return true;
+    return given;
 }
 
 // What is wrong with the options together, or null.
@@ -231,36 +207,37 @@ static const char *FindConflict(const Options &options) {
     return nullptr;
 }
 
-bool ReadOptions(int argc, char **argv, Options *options, Status *status) {
-    *status = kUsage;
-    uint32_t given = 0;
-    if (!TakeOptions(argc, argv, options, &given)) {
-        return false;
-    }
+void ReadOptions(int argc, char **argv, Options *options) {
+    const uint32_t given = TakeOptions(argc, argv, options);
     char **words = argv + optind;
-    if (options->version || options->help) {
-        if (options->version) {
-            puts("tqctl " TQ_VERSION);
-        } else {
-            PrintHelp(stdout, words[0] ? FindCommand(words[0]) : Command::kNone);
-        }
-        *status = kDone;
-        return false;
+    if (options->version) {
+        puts("tqctl " TQ_VERSION);
+        exit(kDone);
     }
-    if (!TakeWords(argc - optind, words, options)) {
-        return false;
+    options->command = words[0] ? FindCommand(words[0]) : Command::kNone;
+    if (options->help || !words[0]) {
+        PrintHelp(options->help ? stdout : stderr, options->command);
+        exit(options->help ? kDone : kUsage);
     }
+    if (options->command == Command::kNone) {
+        Fail(kUsage, "there is no command '%s'; tqctl --help lists them", words[0]);
+    }
+    // A unit is what all but list want.
+    const int wanted = options->command == Command::kList ? 1 : 2;
+    if (argc - optind != wanted) {
+        Fail(kUsage,
+             wanted == 1 ? "list takes no unit; 'tqctl show' shows one" : "%s takes one UNIT",
+             words[0]);
+    }
+    options->unit = words[1];  // null behind the last word
     for (int i = 0; i < kOptionCount; ++i) {
         if (given & 1U << i && !(kOptions[i].where & 1 << static_cast<int>(options->command))) {
             Fail(kUsage, "%s does not take --%s", words[0], kOptions[i].name);
-            return false;
         }
     }
     if (const char *conflict = FindConflict(*options)) {
         Fail(kUsage, "%s", conflict);
-        return false;
     }
-    return true;
 }
 
 }  // namespace ctl

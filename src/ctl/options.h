@@ -38,8 +38,8 @@ struct Options {
     const char *newPasswordFile = nullptr;
 };
 
-// Reads the command line. Returns true when there is a command to carry out; false with the exit
-// status when everything has been said, as for --help and for what can't be understood.
-bool ReadOptions(int argc, char **argv, Options *options, Status *status);
+// Reads the command line. Returns when there is a command to carry out, and not when everything has
+// been said, as for --help and for what can't be understood.
+void ReadOptions(int argc, char **argv, Options *options);
 
 }  // namespace ctl

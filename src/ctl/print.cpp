@@ -1,5 +1,6 @@
 #include "ctl/print.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "common/text.h"
@@ -240,7 +241,7 @@ static Key FindKey(const char *name) {
     return static_cast<Key>(i);
 }
 
-bool IsFormat(const char *format) {
+void CheckFormat(const char *format) {
     for (const char *at = strstr(format, "${"); at; at = strstr(at + 2, "${")) {
         if (FindKey(at + 2) == kKeyCount) {
             fprintf(stderr, "tqctl: --format has no %.*s; it has",
@@ -249,10 +250,9 @@ bool IsFormat(const char *format) {
                 fprintf(stderr, " ${%s}", info.name);
             }
             fputc('\n', stderr);
-            return false;
+            exit(kUsage);
         }
     }
-    return true;
 }
 
 void PrintFormat(FILE *out, const char *format, const Unit &unit) {

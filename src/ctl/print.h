@@ -15,8 +15,8 @@ void PrintTable(FILE *out, Survey &survey, size_t columns);
 void PrintPlain(FILE *out, const Unit &unit);
 
 // One line for a unit, made from a text in which ${key} stands for a value and \t, \n and \\ for
-// what they usually do. IsFormat checks the text, with a message.
-bool IsFormat(const char *format);
+// what they usually do. CheckFormat ends the program when there is another key in it.
+void CheckFormat(const char *format);
 void PrintFormat(FILE *out, const char *format, const Unit &unit);
 
 // One JSON object with all units. `event` may be null.

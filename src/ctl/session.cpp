@@ -1,5 +1,7 @@
 #include "ctl/session.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "ctl/arp.h"
@@ -9,10 +11,16 @@
 
 namespace ctl {
 
-Status Session::Start() {
-    Status status = FindLinks(options, &links);
-    status = status == kDone ? survey.Open() : status;
-    return status == kDone ? survey.Discover(options.time) : status;
+void Session::Start() {
+    FindLinks(options, &links);
+    survey.Open();
+    survey.Discover(options.time);
+}
+
+void Session::Flush() {
+    if (fflush(out) != 0 || ferror(out)) {
+        Fail(kFailed, "can't print: %s", strerror(errno));
+    }
 }
 
 static bool IsCalled(const Unit &unit, const char *name) {
@@ -23,24 +31,19 @@ static bool IsCalled(const Unit &unit, const char *name) {
            (ReadAddress(name, &address) && address != 0 && unit.ip == address);
 }
 
-// Stores the one unit that is called so.
-Status Session::Choose() {
-    const Unit *found = nullptr;
+// Stores the one unit that is called so. Returns false when there is none.
+bool Session::Choose() {
     int count = 0;
     for (int i = 0; i < survey.units().count(); ++i) {
         if (IsCalled(survey.units()[i], options.unit)) {
-            found = &survey.units()[i];
+            unit = survey.units()[i];
             ++count;
         }
     }
-    if (count == 1) {
-        unit = *found;
-        return kDone;
+    if (count < 2) {
+        return count == 1;
     }
-    if (count == 0) {
-        return kNoUnit;
-    }
-    Fail(kSeveral, "'%s' is %d units; say which by its MAC address:", options.unit, count);
+    Complain("'%s' is %d units; say which by its MAC address:", options.unit, count);
     for (int i = 0; i < survey.units().count(); ++i) {
         const Unit &candidate = survey.units()[i];
         if (IsCalled(candidate, options.unit)) {
@@ -49,7 +52,7 @@ Status Session::Choose() {
             fprintf(stderr, "  %s  %s  %s\n", candidate.info.mac, ToText(candidate.ip).text, name);
         }
     }
-    return kSeveral;
+    exit(kSeveral);
 }
 
 // The longest prefix, of 24 at most, whose subnet holds both addresses. A unit that can't answer
@@ -78,36 +81,34 @@ static Address FindNeighbour(const Link &link, Address address, Address gateway)
 }
 
 // Becomes a neighbour of a host that can't answer, and searches again.
-Status Session::Approach(const Silent &silent) {
+void Session::Approach(const Silent &silent) {
     const Link &at = links.link[silent.link];
-    const Address address = silent.address;
+    const AddressText text = ToText(silent.address);
     const Address gateway = silent.gateway;
-    const Address neighbour = FindNeighbour(at, address, gateway);
+    const Address neighbour = FindNeighbour(at, silent.address, gateway);
     if (neighbour == 0) {
-        return Fail(kNoRight, "found no free address next to %s on %s", ToText(address).text,
-                    at.name);
+        Fail(kNoRight, "found no free address next to %s on %s", text.text, at.name);
     }
-    const int prefix = CommonPrefix(address, gateway != 0 ? gateway : address);
-    char question[160];
-    snprintf(question, sizeof question,
-             "%s can answer only its own subnet. Give %s the address %s/%d for the length of this "
-             "command?",
-             ToText(address).text, at.name, ToText(neighbour).text, prefix);
-    if (!options.yes && !Confirm(question)) {
-        return Fail(
-            kUsage,
-            "%s can answer only its own subnet, and %s has no address there. --yes gives it "
-            "%s/%d for the length of the command",
-            ToText(address).text, at.name, ToText(neighbour).text, prefix);
+    const int prefix = CommonPrefix(silent.address, gateway != 0 ? gateway : silent.address);
+    char detour[64];
+    snprintf(detour, sizeof detour, "%s the address %s/%d", at.name, ToText(neighbour).text,
+             prefix);
+    if (!options.yes) {
+        char question[160];
+        snprintf(question, sizeof question,
+                 "%s can answer only its own subnet. Give %s for the length of this command?",
+                 text.text, detour);
+        if (!Confirm(question)) {
+            Fail(kUsage,
+                 "%s can answer only its own subnet, and %s has no address there. --yes gives it "
+                 "%s/%d for the length of the command",
+                 text.text, at.name, ToText(neighbour).text, prefix);
+        }
     }
-    const Status status = temporary.Add(at, neighbour, prefix);
-    if (status != kDone) {
-        return status;
-    }
-    fprintf(stderr, "%s has the address %s/%d for the length of this command\n", at.name,
-            ToText(neighbour).text, prefix);
+    temporary.Add(at, neighbour, prefix);
+    fprintf(stderr, "gave %s for the length of this command\n", detour);
     survey.SearchFrom(silent.link, neighbour);
-    return survey.Discover(options.time);
+    survey.Discover(options.time);
 }
 
 // Where the host is that the command names and that has not answered: it asks for its gateway in
@@ -133,23 +134,23 @@ bool Session::FindSilent(Silent *found) const {
     return false;
 }
 
-Status Session::SelectUnit() {
-    Status status = Choose();
+void Session::SelectUnit() {
+    Start();
     Silent silent;
-    if (status == kNoUnit && FindSilent(&silent)) {
-        status = Approach(silent);
-        status = status == kDone ? Choose() : status;
+    if (Choose()) {
+        return;
     }
-    if (status == kNoUnit) {
-        char name[kCellSize];
-        MakeHarmless(options.unit, name);
-        Fail(kNoUnit,
-             "no unit '%s' among %d heard. Is it on, and on this LAN? Does a firewall here let UDP "
-             "ports 6666, 6667 and 62976 through?",
-             name, survey.units().count());
-        ExplainMarks(survey);
+    if (FindSilent(&silent)) {
+        Approach(silent);
+        if (Choose()) {
+            return;
+        }
     }
-    return status;
+    char name[kCellSize];
+    MakeHarmless(options.unit, name);
+    Complain("no unit '%s' among %d heard. %s", name, survey.units().count(), kLikeliest);
+    ExplainMarks(survey);
+    exit(kNoUnit);
 }
 
 }  // namespace ctl

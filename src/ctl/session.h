@@ -10,6 +10,10 @@
 
 namespace ctl {
 
+// What one who hears nothing should look at.
+inline constexpr char kLikeliest[] =
+    "Is it on, and on this LAN? Does a firewall here let UDP ports 6666, 6667 and 62976 through?";
+
 struct Session {
     Session(const Options &chosen, FILE *output)
         : options(chosen), out(output), survey(links, chosen.verbose) {}
@@ -22,19 +26,22 @@ struct Session {
     Unit unit{};
 
     // Opens everything, and discovers.
-    Status Start();
+    void Start();
 
-    // Finds the unit that the command names and stores it. One that can't answer gets a neighbour
+    // The same, and stores the unit that the command names. One that can't answer gets a neighbour
     // to answer to, when that is wanted.
-    Status SelectUnit();
+    void SelectUnit();
+
+    // Sees that the results so far are written.
+    void Flush();
 
     const Link &link() const { return links.link[unit.link]; }
     Way way() const { return {link(), temporary.address(), options.verbose}; }
 
   private:
-    Status Choose();
+    bool Choose();
     bool FindSilent(Silent *found) const;
-    Status Approach(const Silent &silent);
+    void Approach(const Silent &silent);
 };
 
 }  // namespace ctl

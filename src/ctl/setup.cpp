@@ -21,67 +21,65 @@ static constexpr Milliseconds kRepeatAfter = 3000;
 static constexpr Milliseconds kRoundHalf = 250;
 
 // "A/PREFIX", its address one that a host can have.
-static Status ReadAddressWish(const char *text, Wish *wish) {
+static void ReadAddressWish(const char *text, Wish *wish) {
     char address[16];
-    const char *slash = strchr(text, '/');
     CopyText(address, text);
-    if (slash && static_cast<size_t>(slash - text) < sizeof address) {
-        address[slash - text] = '\0';
-    }
+    address[strcspn(address, "/")] = '\0';
+    const char *slash = strchr(text, '/');
     char *end = nullptr;
     const long prefix = slash ? strtol(slash + 1, &end, 10) : 0;
     if (!slash || end == slash + 1 || *end != '\0' || !ReadAddress(address, &wish->address)) {
-        return Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24", text);
+        Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24", text);
     }
     if (prefix < 1 || prefix > kLongestPrefix) {
-        return Fail(kUsage,
-                    "a prefix is a number from 1 to %d: behind it there must be room for "
-                    "the unit and one other",
-                    kLongestPrefix);
+        Fail(kUsage,
+             "a prefix is a number from 1 to %d: behind it there must be room for the unit and one "
+             "other",
+             kLongestPrefix);
     }
     wish->prefix = static_cast<int>(prefix);
     const Address first = wish->address >> 24;
     if (first == 0 || first == 127 || first >= 224) {
-        return Fail(kUsage, "%s is no address of a host", address);
+        Fail(kUsage, "%s is no address of a host", address);
     }
     const Address hosts = ~MaskOf(wish->prefix);
-    if ((wish->address & hosts) == 0 || (wish->address & hosts) == hosts) {
-        return Fail(kUsage, "%s is the %s address of its subnet, not one of a host", address,
-                    (wish->address & hosts) == 0 ? "network" : "broadcast");
+    const Address host = wish->address & hosts;
+    if (host == 0 || host == hosts) {
+        Fail(kUsage, "%s is the %s address of its subnet, not one of a host", address,
+             host == 0 ? "network" : "broadcast");
     }
-    return kDone;
 }
 
-Status ReadWish(const Options &options, Wish *wish) {
+// An option that is an address; 0 without it.
+static Address ReadOption(const char *option, const char *text) {
+    Address address = 0;
+    if (text && (!ReadAddress(text, &address) || address == 0)) {
+        Fail(kUsage, "the %s '%s' is no address", option, text);
+    }
+    return address;
+}
+
+void ReadWish(const Options &options, Wish *wish) {
     *wish = {};
     wish->dhcp = options.dhcp;
     if (wish->dhcp) {
-        return kDone;
+        return;
     }
-    const Status status = ReadAddressWish(options.address, wish);
-    if (status != kDone) {
-        return status;
+    ReadAddressWish(options.address, wish);
+    wish->dns = ReadOption("name server", options.dns);
+    wish->gateway = ReadOption("gateway", options.gateway);
+    if (wish->gateway == 0) {
+        return;
     }
-    if (options.dns && (!ReadAddress(options.dns, &wish->dns) || wish->dns == 0)) {
-        return Fail(kUsage, "the name server '%s' is no address", options.dns);
+    const Address hosts = ~MaskOf(wish->prefix);
+    const Address host = wish->gateway & hosts;
+    if (((wish->gateway ^ wish->address) & ~hosts) != 0) {
+        Fail(kUsage, "the gateway %s is not in the subnet of %s: the unit would leave it out",
+             options.gateway, options.address);
     }
-    if (!options.gateway) {
-        return kDone;
+    if (wish->gateway == wish->address || host == 0 || host == hosts) {
+        Fail(kUsage, "%s can't be the gateway of %s", options.gateway, options.address);
     }
-    if (!ReadAddress(options.gateway, &wish->gateway) || wish->gateway == 0) {
-        return Fail(kUsage, "the gateway '%s' is no address", options.gateway);
-    }
-    const Address mask = MaskOf(wish->prefix);
-    const Address host = wish->gateway & ~mask;
-    if (((wish->gateway ^ wish->address) & mask) != 0) {
-        return Fail(kUsage,
-                    "the gateway %s is not in the subnet of %s: the unit would leave it out",
-                    options.gateway, options.address);
-    }
-    if (wish->gateway == wish->address || host == 0 || host == ~mask) {
-        return Fail(kUsage, "%s can't be the gateway of %s", options.gateway, options.address);
-    }
-    return kDone;
 }
 
 static bool IsSendable(const char *identity) {
@@ -100,68 +98,62 @@ static const char *FindUnsendable(const UnitInfo &info) {
                                             : nullptr;
 }
 
-// Whether somebody else than the unit has an address already.
-static bool IsTaken(Session &session, Address address) {
+// Another unit that has an address, or null.
+static const Unit *FindUnitAt(Session &session, Address address) {
     UnitList &units = session.survey.units();
     for (int i = 0; i < units.count(); ++i) {
         if (units[i].ip == address && !units[i].IsSameAs(session.unit)) {
-            Fail(kUsage, "refused: unit %s has %s already", units[i].info.mac,
-                 ToText(address).text);
-            return true;
+            return &units[i];
         }
     }
+    return nullptr;
+}
+
+// Whether somebody else than the unit has an address already.
+static bool IsTaken(Session &session, Address address) {
+    const Unit *unit = FindUnitAt(session, address);
+    bool own = false;
     for (int i = 0; i < session.links.count; ++i) {
-        if (session.links.link[i].Owns(address)) {
-            Fail(kUsage, "refused: this machine has %s already", ToText(address).text);
-            return true;
-        }
+        own |= session.links.link[i].Owns(address);
     }
     uint8_t mac[ETH_ALEN];
-    const Holder holder = FindHolder(session.link(), address, mac);
-    if (holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0) {
-        Fail(kUsage, "refused: %s has %s already", ToText(mac).text, ToText(address).text);
-        return true;
+    const Holder holder = unit || own ? Holder::kNobody : FindHolder(session.link(), address, mac);
+    const bool held = holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0;
+    if (unit || own || held) {
+        Complain("refused: %s%s has %s already",
+                 unit  ? "unit "
+                 : own ? "this machine"
+                       : "",
+                 unit  ? unit->info.mac
+                 : own ? ""
+                       : ToText(mac).text,
+                 ToText(address).text);
+    } else if (holder == Holder::kUnknown) {
+        Complain("could not ask whether anybody has %s already", ToText(address).text);
     }
-    if (holder == Holder::kUnknown) {
-        fprintf(stderr, "tqctl: could not ask whether anybody has %s already\n",
-                ToText(address).text);
-    }
-    return false;
+    return unit || own || held;
 }
 
-// Says all that speaks against a wish; kDone when nothing does.
-static Status CheckWish(Session &session, const Wish &wish) {
+// Says all that speaks against a wish. Returns whether there is any.
+static bool IsRefused(Session &session, const Wish &wish) {
     const Unit &unit = session.unit;
-    Status status = kDone;
     const char *unsendable = unit.kirvex ? nullptr : FindUnsendable(unit.info);
     if (unsendable) {
-        status = Fail(kUsage,
-                      "refused: the unit's %s is empty or holds a comma, and no setup that names "
-                      "the unit can carry it: give it another one first",
-                      unsendable);
+        Complain(
+            "refused: the unit's %s is empty or holds a comma, and no setup that names the unit "
+            "can carry it: give it another one first",
+            unsendable);
     }
-    if (!wish.dhcp && unit.dns == 0) {
-        status = Fail(kUsage,
-                      "refused: the unit reports no name server. Without a nameserver line in its "
-                      "resolver file it would not apply fixed settings%s: use --dhcp, or give the "
-                      "file such a line first",
-                      unit.kirvex ? "" : ", but keep them for the next start");
+    const bool unnamed = !wish.dhcp && unit.dns == 0;
+    if (unnamed) {
+        Complain(
+            "refused: the unit reports no name server. Without a nameserver line in its resolver "
+            "file it would not apply fixed settings%s: use --dhcp, or give the file such a line "
+            "first",
+            unit.kirvex ? "" : ", but keep them for the next start");
     }
-    if (!wish.dhcp && IsTaken(session, wish.address)) {
-        status = kUsage;
-    }
-    return status;
-}
-
-// Whether a datagram to the unit's address would reach another one as well, or instead.
-static bool SharesAddress(Session &session) {
-    UnitList &units = session.survey.units();
-    for (int i = 0; i < units.count(); ++i) {
-        if (units[i].ip == session.unit.ip && !units[i].IsSameAs(session.unit)) {
-            return true;
-        }
-    }
-    return false;
+    const bool taken = !wish.dhcp && IsTaken(session, wish.address);
+    return unsendable || unnamed || taken;
 }
 
 static UnitInfo MakeSetup(const Unit &unit, const Wish &wish) {
@@ -222,16 +214,12 @@ struct Verification {
 
 // Listens for one round. Returns whether the unit was heard.
 static bool HearUnit(Verification &verification) {
+    const Unit &unit = verification.session.unit;
     Survey &survey = verification.session.survey;
-    survey.units().Clear();
-    for (int i = 0; i < 2; ++i) {
-        survey.Query();
-        survey.Listen(kRoundHalf);
-    }
+    survey.HearRound(kRoundHalf);
     for (int i = 0; i < survey.units().count(); ++i) {
         const Unit &heard = survey.units()[i];
-        if (heard.kirvex == verification.session.unit.kirvex &&
-            memcmp(heard.mac, verification.session.unit.mac, ETH_ALEN) == 0) {
+        if (heard.kirvex == unit.kirvex && memcmp(heard.mac, unit.mac, ETH_ALEN) == 0) {
             verification.seen = heard;
             return true;
         }
@@ -261,46 +249,41 @@ static bool HoldsAddress(const Verification &verification) {
            memcmp(mac, session.unit.mac, sizeof mac) == 0;
 }
 
-static Status Report(const Verification &verification) {
-    const Wish &wish = verification.wish;
+static void Report(const Verification &verification) {
     const Unit &seen = verification.seen;
     FILE *out = verification.session.out;
     char name[kCellSize];
     MakeHarmless(seen.info.name, name);
     fprintf(out, "%s (%s) answers from ", name, seen.info.mac);
     PrintSettings(out, seen.ip, seen.prefix, seen.gateway, seen.dns);
-    if (!wish.dhcp && seen.gateway != wish.gateway) {
-        fprintf(stderr, "tqctl: but its gateway is %s\n", ToText(seen.gateway, "none").text);
+    if (!verification.wish.dhcp && seen.gateway != verification.wish.gateway) {
+        Complain("but its gateway is %s", ToText(seen.gateway, "none").text);
     }
-    return kDone;
 }
 
-static Status ReportFailure(const Verification &verification, bool heard) {
+[[noreturn]] static void FailVerification(const Verification &verification, bool heard) {
     const Session &session = verification.session;
     const int seconds = session.options.wait / 1000;
     if (!heard) {
-        return Fail(kNotTaken,
-                    "the unit has not answered from anywhere within %d s (it was %s): its network "
-                    "may still be restarting; look again with 'tqctl list'",
-                    seconds, ToText(session.unit.ip).text);
+        Fail(kNotTaken,
+             "the unit has not answered from anywhere within %d s (it was %s): its network may "
+             "still be restarting; look again with 'tqctl list'",
+             seconds, ToText(session.unit.ip).text);
     }
-    if (session.unit.kirvex) {
-        return Fail(kNotTaken, "the unit still answers from %s after %d s",
-                    ToText(verification.seen.ip).text, seconds);
-    }
-    return Fail(kNotTaken,
-                "the unit still answers from %s after %d s. Either its /etc/TQ.conf says "
-                "NETSETUP=NO, or it has heard a setup since its daemon started (it takes one): "
-                "restart the daemon and try again%s",
-                ToText(verification.seen.ip).text, seconds,
-                session.survey.HasPacketRight()
-                    ? ""
-                    : ". Or it can't be reached by its address: try as root");
+    Fail(kNotTaken, "the unit still answers from %s after %d s%s%s",
+         ToText(verification.seen.ip).text, seconds,
+         session.unit.kirvex ? ""
+                             : ". Either its /etc/TQ.conf says NETSETUP=NO, or it has heard a "
+                               "setup since its daemon started (it takes one): restart the daemon "
+                               "and try again",
+         session.unit.kirvex || session.survey.HasPacketRight()
+             ? ""
+             : ". Or it can't be reached by its address: try as root");
 }
 
 // Discovers until the unit shows what it was given. `setup` is repeated while it still says what it
 // said before, because the first may be lost; one that was heard makes it deaf to the next.
-static Status Verify(Verification &verification, const UnitInfo *setup) {
+static void Verify(Verification &verification, const UnitInfo *setup) {
     Session &session = verification.session;
     const Stopwatch watch;
     int sent = 1;
@@ -308,12 +291,13 @@ static Status Verify(Verification &verification, const UnitInfo *setup) {
     while (watch.Passed() < session.options.wait) {
         heard = HearUnit(verification);
         if (heard && ShowsWish(verification)) {
-            return Report(verification);
+            Report(verification);
+            return;
         }
         if (!heard && HoldsAddress(verification)) {
             fprintf(session.out, "%s has %s: it answers address resolution there\n",
                     session.unit.info.mac, ToText(verification.wish.address).text);
-            return kDone;
+            return;
         }
         verification.silent |= !heard;
         if (setup && heard && sent < kMostSetups && watch.Passed() > sent * kRepeatAfter) {
@@ -321,23 +305,24 @@ static Status Verify(Verification &verification, const UnitInfo *setup) {
             ++sent;
         }
     }
-    return ReportFailure(verification, heard);
+    FailVerification(verification, heard);
 }
 
-static Status SetNative(Session &session, const Wish &wish) {
-    if (!session.survey.HasPacketRight() && (session.unit.ip == 0 || SharesAddress(session))) {
-        return Fail(kNoRight,
-                    "another unit has the address %s, too, or nobody has it; only a packet socket "
-                    "reaches this unit alone: run this as root, or once: %s",
-                    ToText(session.unit.ip).text, kSetcap);
+static void SetNative(Session &session, const Wish &wish) {
+    const Address ip = session.unit.ip;
+    if (!session.survey.HasPacketRight() && (ip == 0 || FindUnitAt(session, ip))) {
+        Fail(kNoRight,
+             "another unit has the address %s, too, or nobody has it; only a packet socket reaches "
+             "this unit alone: run this as root, or once: %s",
+             ToText(ip).text, kSetcap);
     }
     const UnitInfo setup = MakeSetup(session.unit, wish);
     if (!SendSetup(session, setup)) {
-        return Fail(kNoRight, "can't send on %s: %s", session.link().name, strerror(errno));
+        Fail(kNoRight, "can't send on %s: %s", session.link().name, strerror(errno));
     }
     Describe(session, wish, "asked");
     Verification verification{session, wish, false};
-    return Verify(verification, &setup);
+    Verify(verification, &setup);
 }
 
 static kx::Settings MakeSettings(const Unit &unit, const Wish &wish) {
@@ -352,36 +337,33 @@ static kx::Settings MakeSettings(const Unit &unit, const Wish &wish) {
     return settings;
 }
 
-static Status SetKirvex(Session &session, const Wish &wish) {
+static void SetKirvex(Session &session, const Wish &wish) {
     Secret password;
-    Status status = ReadCredentials(session.options, &password);
-    if (status != kDone) {
-        return status;
-    }
+    ReadCredentials(session.options, &password);
     Describe(session, wish, "asking");
     const Verdict verdict =
         RequestSettings(session.way(), session.unit, {session.options.account, password.text},
                         MakeSettings(session.unit, wish), session.options.wait);
-    if (verdict.answered && verdict.code != kx::kSuccess) {
-        return verdict.error == kx::kErrorCameraName
-                   ? Fail(kRefused, "the unit says that it is not called %s",
-                          session.unit.info.name)
-                   : FailLogin();
-    }
-    if (verdict.answered && verdict.status != kx::kStatusRestarting) {
-        return Fail(kNotTaken,
-                    "the unit took the request and did not carry it out: it could not rewrite its "
-                    "files. Its resolver file needs a nameserver line, and its disk room");
-    }
     if (verdict.answered) {
-        Pause(static_cast<Milliseconds>(verdict.waitSeconds < 10 ? verdict.waitSeconds : 10) *
-              1000);
+        if (verdict.code != kx::kSuccess && verdict.error == kx::kErrorCameraName) {
+            Fail(kRefused, "the unit says that it is not called %s", session.unit.info.name);
+        }
+        if (verdict.code != kx::kSuccess) {
+            FailLogin();
+        }
+        if (verdict.status != kx::kStatusRestarting) {
+            Fail(kNotTaken,
+                 "the unit took the request and did not carry it out: it could not rewrite its "
+                 "files. Its resolver file needs a nameserver line, and its disk room");
+        }
+        const unsigned seconds = verdict.waitSeconds < 10 ? verdict.waitSeconds : 10;
+        Pause(static_cast<Milliseconds>(seconds) * 1000);
     }
     Verification verification{session, wish, verdict.answered};
-    return Verify(verification, nullptr);
+    Verify(verification, nullptr);
 }
 
-static Status ShowDryRun(Session &session, const Wish &wish, Status status) {
+static void ShowDryRun(Session &session, const Wish &wish) {
     Describe(session, wish, "would ask");
     if (!session.unit.kirvex) {
         char text[discovery::kUnitTextSize];
@@ -395,27 +377,28 @@ static Status ShowDryRun(Session &session, const Wish &wish, Status status) {
                 session.options.account, settings.cameraName, settings.webPort,
                 settings.dhcp ? "on" : "off");
     }
-    fprintf(stderr,
-            status == kDone ? "nothing was sent\n" : "nothing was sent, and nothing would be\n");
-    return status;
 }
 
-Status Set(Session &session) {
+void Set(Session &session) {
     Wish wish;
-    Status status = ReadWish(session.options, &wish);
-    status = status == kDone ? session.Start() : status;
-    status = status == kDone ? session.SelectUnit() : status;
-    if (status != kDone) {
-        return status;
-    }
-    status = CheckWish(session, wish);
+    ReadWish(session.options, &wish);
+    session.SelectUnit();
+    const bool refused = IsRefused(session, wish);
     if (session.options.dryRun) {
-        return ShowDryRun(session, wish, status);
+        ShowDryRun(session, wish);
+        fprintf(stderr, "nothing was sent%s\n", refused ? ", and nothing would be" : "");
     }
-    if (status != kDone) {
-        return status;
+    if (refused) {
+        exit(kUsage);
     }
-    return session.unit.kirvex ? SetKirvex(session, wish) : SetNative(session, wish);
+    if (session.options.dryRun) {
+        return;
+    }
+    if (session.unit.kirvex) {
+        SetKirvex(session, wish);
+    } else {
+        SetNative(session, wish);
+    }
 }
 
 }  // namespace ctl

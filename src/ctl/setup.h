@@ -15,8 +15,8 @@ struct Wish {
 };
 
 // Reads the wish of a command line. Whatever is wrong with it alone is refused here.
-Status ReadWish(const Options &options, Wish *wish);
+void ReadWish(const Options &options, Wish *wish);
 
-Status Set(Session &session);
+void Set(Session &session);
 
 }  // namespace ctl

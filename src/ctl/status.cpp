@@ -2,17 +2,29 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 namespace ctl {
 
-Status Fail(Status status, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
+static void Print(const char *format, va_list arguments) {
     fputs("tqctl: ", stderr);
     vfprintf(stderr, format, arguments);
     fputc('\n', stderr);
+}
+
+void Complain(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    Print(format, arguments);
     va_end(arguments);
-    return status;
+}
+
+void Fail(Status status, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    Print(format, arguments);
+    va_end(arguments);
+    exit(status);
 }
 
 }  // namespace ctl

@@ -15,8 +15,12 @@ enum Status : int {
     kRefused = 7,   // the unit says no
 };
 
-// Prints "tqctl: " and a sentence to standard error. Returns the status.
-Status Fail(Status status, const char *format, ...) __attribute__((format(printf, 2, 3)));
+// Prints "tqctl: " and a sentence to standard error.
+void Complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The same, and ends the program.
+[[noreturn]] void Fail(Status status, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // The command that gives an executable the right to packet sockets.
 inline constexpr char kSetcap[] =

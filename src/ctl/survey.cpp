@@ -30,62 +30,57 @@ static constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF
 // The model in whose name a query is made; units do not read it.
 static constexpr char kQueryModel[] = "tqctl";
 
-Status Survey::Open() {
+void Survey::Open() {
     for (int i = 0; i < links_.count; ++i) {
+        ends_[i].link = i;
         ends_[i].native = OpenUdp(links_.link[i], 0, TQ_CLIENT_PORT);
         if (!ends_[i].native) {
-            return Fail(kNoRight,
-                        "can't listen on UDP port %d of %s: %s. If another program holds it for "
-                        "itself, end it ('ss -ulnp sport = :%d' names it)",
-                        TQ_CLIENT_PORT, links_.link[i].name, strerror(errno), TQ_CLIENT_PORT);
+            Fail(kNoRight,
+                 "can't listen on UDP port %d of %s: %s. If another program holds it for itself, "
+                 "end it ('ss -ulnp sport = :%d' names it)",
+                 TQ_CLIENT_PORT, links_.link[i].name, strerror(errno), TQ_CLIENT_PORT);
         }
         ends_[i].kirvex = OpenUdp(links_.link[i], 0, 0);
     }
     // Without the right both stay empty, and ordinary datagrams have to do.
     packet_.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     arp_ = OpenArp();
-    return kDone;
-}
-
-static void Search(int sock) {
-    uint8_t request[kx::kHeaderSize];
-    kx::WriteSearch(request);
-    SendUdp(sock, INADDR_BROADCAST, kx::kPort, request, sizeof request);
-}
-
-// An ordinary broadcast is heard as well as one that is built here, but can't always be sent from
-// an interface without an address.
-bool Survey::QueryOn(int link) {
-    char query[discovery::kPackageSize];
-    const size_t size = discovery::EncodeQuery(kQueryModel, query);
-    Search(ends_[link].kirvex.get());
-    return (packet_ && discovery::SendToStation(packet_.get(), links_.link[link].index,
-                                                kEveryStation, TQ_SERVER_PORT, query, size) == 0) ||
-           SendUdp(ends_[link].native.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
-}
-
-bool Survey::Query() {
-    bool sent = false;
-    int error = 0;
-    for (int i = 0; i < links_.count; ++i) {
-        const bool done = QueryOn(i);
-        error = done ? error : errno;
-        sent |= done;
-        if (verbose_) {
-            fprintf(stderr, "tqctl: query on %s: %s\n", links_.link[i].name,
-                    done ? packet_ ? "sent through a packet socket" : "sent" : strerror(error));
-        }
-    }
-    if (neighbour_) {
-        Search(neighbour_.get());
-    }
-    errno = error;
-    return sent;
 }
 
 void Survey::SearchFrom(int link, Address source) {
-    neighbourLink_ = link;
-    neighbour_ = OpenUdp(links_.link[link], source, 0);
+    End &end = ends_[links_.count];
+    end.link = link;
+    end.kirvex = OpenUdp(links_.link[link], source, 0);
+}
+
+bool Survey::Query() {
+    uint8_t search[kx::kHeaderSize];
+    kx::WriteSearch(search);
+    char query[discovery::kPackageSize];
+    const size_t size = discovery::EncodeQuery(kQueryModel, query);
+    bool sent = false;
+    int error = 0;
+    for (int i = 0; i <= links_.count; ++i) {
+        SendUdp(ends_[i].kirvex.get(), INADDR_BROADCAST, kx::kPort, search, sizeof search);
+        if (i == links_.count) {
+            break;
+        }
+        // An ordinary broadcast is heard as well as one that is built here, but can't always be
+        // sent from an interface without an address.
+        const Link &link = links_.link[i];
+        const bool done =
+            (packet_ && discovery::SendToStation(packet_.get(), link.index, kEveryStation,
+                                                 TQ_SERVER_PORT, query, size) == 0) ||
+            SendUdp(ends_[i].native.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
+        error = done ? error : errno;
+        sent |= done;
+        if (verbose_) {
+            Complain("query on %s: %s", link.name,
+                     done ? packet_ ? "sent through a packet socket" : "sent" : strerror(error));
+        }
+    }
+    errno = error;
+    return sent;
 }
 
 void Survey::Take(Unit &unit, void *context) {
@@ -93,30 +88,24 @@ void Survey::Take(Unit &unit, void *context) {
     unit.Place(survey.links_, survey.link_);
     const Unit *heard = survey.units_.Take(unit);
     if (heard && heard->heard == 1 && survey.verbose_ && !heard->IsWhole()) {
-        fprintf(stderr, "tqctl: an answer on %s has %d fields instead of %d\n", heard->interface,
-                heard->fields, kPackageFields);
+        Complain("an answer on %s has %d fields instead of %d", heard->interface, heard->fields,
+                 kPackageFields);
     }
 }
 
-void Survey::TakeNative(int link) {
+void Survey::TakeNative(int sock) {
     Datagram reply;
-    if (!ReceiveUdp(ends_[link].native.get(), &reply)) {
-        return;
-    }
-    link_ = link;
-    const int count =
-        ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this);
-    if (count == 0 && verbose_) {
-        fprintf(stderr, "tqctl: %zu bytes on %s are no answer\n", reply.size,
-                links_.link[link].name);
+    if (ReceiveUdp(sock, &reply) &&
+        ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this) == 0 &&
+        verbose_) {
+        Complain("%zu bytes on %s are no answer", reply.size, links_.link[link_].name);
     }
 }
 
-void Survey::TakeSearchReply(int sock, int link) {
+void Survey::TakeSearchReply(int sock) {
     Datagram reply;
     Unit unit;
     if (ReceiveUdp(sock, &reply) && ReadSearchReply({reply.data, reply.size}, &unit)) {
-        link_ = link;
         Take(unit, this);
     }
 }
@@ -147,44 +136,43 @@ void Survey::TakeArp() {
 }
 
 void Survey::Listen(Milliseconds time) {
-    // Two for each link, and two that are none's.
-    pollfd wanted[2 * kMostLinks + 2];
-    const int count = 2 * links_.count;
+    // Two for each end, native and KIRVEX, and one for ARP.
+    pollfd wanted[2 * (kMostLinks + 1) + 1];
+    const int count = 2 * (links_.count + 1);
     for (int i = 0; i < count; ++i) {
         const End &end = ends_[i / 2];
         wanted[i] = {(i % 2 == 0 ? end.native : end.kirvex).get(), POLLIN, 0};
     }
-    wanted[count] = {neighbour_.get(), POLLIN, 0};
-    wanted[count + 1] = {arp_.get(), POLLIN, 0};
+    wanted[count] = {arp_.get(), POLLIN, 0};
     const Stopwatch watch;
     for (Milliseconds left; (left = time - watch.Passed()) > 0;) {
-        if (poll(wanted, static_cast<nfds_t>(count) + 2, left) < 1) {
+        if (poll(wanted, static_cast<nfds_t>(count) + 1, left) < 1) {
             continue;
         }
         for (int i = 0; i < count; ++i) {
+            link_ = ends_[i / 2].link;
             if (wanted[i].revents && i % 2 == 0) {
-                TakeNative(i / 2);
+                TakeNative(wanted[i].fd);
             } else if (wanted[i].revents) {
-                TakeSearchReply(wanted[i].fd, i / 2);
+                TakeSearchReply(wanted[i].fd);
             }
         }
         if (wanted[count].revents) {
-            TakeSearchReply(neighbour_.get(), neighbourLink_);
-        }
-        if (wanted[count + 1].revents) {
             TakeArp();
         }
     }
 }
 
-void Survey::ShowProgress() const {
-    if (isatty(STDERR_FILENO) && !verbose_) {
-        fprintf(stderr, "\rlooking for units ... %d", units_.count());
-        fflush(stderr);
+void Survey::HearRound(Milliseconds time) {
+    units_.Clear();
+    for (int i = 0; i < kQueriesInRound; ++i) {
+        Query();
+        Listen(time);
     }
 }
 
-Status Survey::Discover(Milliseconds time) {
+void Survey::Discover(Milliseconds time) {
+    const bool shown = isatty(STDERR_FILENO) && !verbose_;
     const Stopwatch watch;
     int quiet = 0;
     for (;;) {
@@ -193,25 +181,27 @@ Status Survey::Discover(Milliseconds time) {
                      : passed >= kMostTime || (quiet >= kQuietRounds && passed >= kLeastTime)) {
             break;
         }
-        ShowProgress();
         const int before = units_.count();
+        if (shown) {
+            fprintf(stderr, "\rlooking for units ... %d", before);
+            fflush(stderr);
+        }
         for (int i = 0; i < kQueriesInRound; ++i) {
             if (!Query()) {
-                return Fail(kNoRight,
-                            "can't send on any interface: %s. An interface without an address "
-                            "needs one, or the right to packet sockets: %s",
-                            strerror(errno), kSetcap);
+                Fail(kNoRight,
+                     "can't send on any interface: %s. An interface without an address needs one, "
+                     "or the right to packet sockets: %s",
+                     strerror(errno), kSetcap);
             }
             Listen(kQueryInterval);
         }
         quiet = units_.count() > before ? 0 : quiet + 1;
     }
-    if (isatty(STDERR_FILENO) && !verbose_) {
+    if (shown) {
         fputs("\r\033[K", stderr);
     }
     units_.Sort();
     SortOut();
-    return kDone;
 }
 
 void Survey::SortOut() {

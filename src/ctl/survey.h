@@ -25,10 +25,10 @@ class Survey {
     Survey(const Links &links, bool verbose) : links_(links), verbose_(verbose) {}
 
     // Opens the sockets.
-    Status Open();
+    void Open();
 
     // Queries in rounds until two in a row bring nobody new (1.6 to 5 s), or for `time`.
-    Status Discover(Milliseconds time);
+    void Discover(Milliseconds time);
 
     // Sends one query of each protocol on every link. Returns false with errno set when nothing
     // could be sent on any.
@@ -36,6 +36,9 @@ class Survey {
 
     // Collects what comes, for so long.
     void Listen(Milliseconds time);
+
+    // Forgets all units, and asks twice, each time with so long to answer.
+    void HearRound(Milliseconds time);
 
     // Has searches on one link sent from that address of this machine as well.
     void SearchFrom(int link, Address source);
@@ -57,20 +60,17 @@ class Survey {
     struct End {
         UniqueFd native;
         UniqueFd kirvex;
+        int link;
     };
 
-    bool QueryOn(int link);
-    void TakeNative(int link);
-    void TakeSearchReply(int sock, int link);
+    void TakeNative(int sock);
+    void TakeSearchReply(int sock);
     void TakeArp();
-    void ShowProgress() const;
     static void Take(Unit &unit, void *context);
 
     const Links &links_;
     bool verbose_;
-    End ends_[kMostLinks];
-    UniqueFd neighbour_;  // for KIRVEX from another address
-    int neighbourLink_ = 0;
+    End ends_[kMostLinks + 1];  // one for each link, and one more for KIRVEX from another address
     UniqueFd packet_;
     UniqueFd arp_;
     UnitList units_;

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "ctl/stop.h"
@@ -70,39 +71,30 @@ bool TemporaryAddress::Request(bool add) {
     return answer.header.nlmsg_type == NLMSG_ERROR && answer.error.error == 0;
 }
 
-Status TemporaryAddress::Add(const Link &link, Address address, int prefix) {
-    Remove();
+static TemporaryAddress *added;
+
+void TemporaryAddress::Add(const Link &link, Address address, int prefix) {
     sock_.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!sock_) {
-        return Fail(kNoRight, "can't talk to the kernel about addresses: %s", strerror(errno));
-    }
     interface_ = link.index;
     address_ = address;
     prefix_ = prefix;
     // Told beforehand: a signal that comes first removes an address that is not there.
     const AddressRequest removal = MakeRequest(false, interface_, address, prefix);
     SendWhenStopped(sock_.get(), &removal, sizeof removal);
-    if (Request(true)) {
-        return kDone;
+    if (!Request(true)) {
+        Fail(kNoRight,
+             "can't give %s the temporary address %s/%d: %s. That takes root, or once: %s",
+             link.name, ToText(address).text, prefix, strerror(errno), kSetcap);
     }
-    const int error = errno;
-    SendWhenStopped(-1, nullptr, 0);
-    address_ = 0;
-    return Fail(kNoRight,
-                "can't give %s the temporary address %s/%d: %s. That takes root, or once: %s",
-                link.name, ToText(address).text, prefix, strerror(error), kSetcap);
+    added = this;
+    atexit([] { added->Remove(); });
 }
 
 void TemporaryAddress::Remove() {
-    if (address_ == 0) {
-        return;
-    }
     if (!Request(false)) {
-        Fail(kFailed, "the temporary address %s/%d is still there: %s", ToText(address_).text,
-             prefix_, strerror(errno));
+        Complain("the temporary address %s/%d is still there: %s", ToText(address_).text, prefix_,
+                 strerror(errno));
     }
-    SendWhenStopped(-1, nullptr, 0);
-    address_ = 0;
 }
 
 }  // namespace ctl

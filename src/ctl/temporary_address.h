@@ -12,11 +12,10 @@ class TemporaryAddress {
     TemporaryAddress() = default;
     TemporaryAddress(const TemporaryAddress &) = delete;
     TemporaryAddress &operator=(const TemporaryAddress &) = delete;
-    ~TemporaryAddress() { Remove(); }
 
-    // Adds an address to a link. It is removed with this object, when a signal ends the program,
-    // and by the kernel after ten minutes in any case.
-    Status Add(const Link &link, Address address, int prefix);
+    // Adds an address to a link. It is removed when the program ends, also by a signal, and by the
+    // kernel after ten minutes in any case. This object must be there until then.
+    void Add(const Link &link, Address address, int prefix);
     void Remove();
 
     // 0 while there is none.

@@ -76,6 +76,7 @@ class UnitList {
     void Drop(int at);
     void Clear() { count_ = 0; }
     int count() const { return count_; }
+    const Unit *data() const { return units_; }
     Unit &operator[](int i) { return units_[i]; }
     const Unit &operator[](int i) const { return units_[i]; }
 

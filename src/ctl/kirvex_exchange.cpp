@@ -27,7 +27,7 @@ static in_addr NetworkOrder(Address address) {
 kx::Settings SettingsOf(const Unit &unit) {
     return {unit.info.name,
             NetworkOrder(unit.ip),
-            static_cast<uint16_t>(atoi(unit.info.trigger_port)),
+            static_cast<uint16_t>(strtoul(unit.info.trigger_port, nullptr, 10)),
             NetworkOrder(unit.netmask),
             NetworkOrder(unit.gateway),
             NetworkOrder(unit.dns),
@@ -112,38 +112,34 @@ static Verdict Ask(const Way &way, const Unit &unit, std::span<uint8_t> request,
     const Stopwatch watch;
     while (exchange.sock && tries-- > 0 && watch.Passed() < wait && SendCovered(exchange)) {
         const Milliseconds left = wait - watch.Passed();
-        const bool answered = WaitForReply(
-            exchange, tries > 0 && left > kRepeatAfter ? kRepeatAfter : left, &verdict);
-        if (answered) {
+        if (WaitForReply(exchange, tries > 0 && left > kRepeatAfter ? kRepeatAfter : left,
+                         &verdict)) {
             break;
         }
     }
     CoverCredentials(exchange);  // the first may have been lost
-    explicit_bzero(request.data(), request.size());
     return verdict;
 }
 
-// Whether a second try may have another outcome: a first login that finds another administrator
-// online ends that session and fails.
-static bool DeservesSecondTry(const Verdict &verdict) {
-    if (!verdict.answered || verdict.code == kx::kSuccess || verdict.error != 0) {
-        return false;
+// Asks, and once more where that may have another outcome: a first login that finds another
+// administrator online ends that session and fails. The request is wiped.
+static Verdict AskTwice(const Way &way, const Unit &unit, std::span<uint8_t> request, int tries,
+                        Milliseconds wait) {
+    Verdict verdict = Ask(way, unit, request, tries, wait);
+    if (verdict.answered && verdict.code != kx::kSuccess && verdict.error == 0) {
+        Pause(kSecondTry);
+        verdict = Ask(way, unit, request, tries, wait);
     }
-    Pause(kSecondTry);
-    return true;
+    explicit_bzero(request.data(), request.size());
+    return verdict;
 }
 
 Verdict RequestSettings(const Way &way, const Unit &unit, const kx::Account &account,
                         const kx::Settings &settings, Milliseconds wait) {
     static constexpr int kTries = 3;
     uint8_t request[kx::kSetRequestSize];
-    Verdict verdict;
-    int logins = 0;
-    do {
-        kx::WriteSetRequest(request, TargetOf(unit), account, settings);
-        verdict = Ask(way, unit, request, kTries, wait);
-    } while (++logins < 2 && DeservesSecondTry(verdict));
-    return verdict;
+    kx::WriteSetRequest(request, TargetOf(unit), account, settings);
+    return AskTwice(way, unit, request, kTries, wait);
 }
 
 Verdict RequestLogin(const Way &way, const Unit &unit, const kx::Account &account,
@@ -157,13 +153,8 @@ Verdict RequestLogin(const Way &way, const Unit &unit, const kx::Account &accoun
 Verdict RequestPassword(const Way &way, const Unit &unit, const kx::Account &account,
                         const char *password, Milliseconds wait) {
     uint8_t request[kx::kChangeRequestSize];
-    Verdict verdict;
-    int logins = 0;
-    do {
-        kx::WriteChangeRequest(request, TargetOf(unit), account, {account.name, password});
-        verdict = Ask(way, unit, request, 1, wait);
-    } while (++logins < 2 && DeservesSecondTry(verdict));
-    return verdict;
+    kx::WriteChangeRequest(request, TargetOf(unit), account, {account.name, password});
+    return AskTwice(way, unit, request, 1, wait);
 }
 
 }  // namespace ctl

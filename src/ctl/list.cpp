@@ -23,7 +23,7 @@ static constexpr int kMissesUntilGone = 4;
 
 static size_t TerminalColumns(FILE *out) {
     winsize size{};
-    return isatty(fileno(out)) && ioctl(fileno(out), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    return ioctl(fileno(out), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;  // as only terminals do
 }
 
 static bool IsWanted(const Unit &unit, const Options &options) {
@@ -146,12 +146,11 @@ static void AskVia(Session &session) {
              via, TQ_SERVER_PORT, strerror(errno));
     }
     // A server wants all fields, and reads none of them.
-    static constexpr UnitInfo kAnybody{
-        "-", "-", "-", "0.0.0.0", "0", "0.0.0.0", "-", "-", "00:00:00:00:00:00", "-", "-", 0};
-    char request[discovery::kPackageSize];
-    const size_t size = discovery::EncodeUnit(TQ_PACKAGE_LIST_REQUEST, kAnybody, request);
+    char text[] = "Moravelle,02,-,-,-,0.0.0.0,0,0.0.0.0,-,-,00:00:00:00:00:00,-,-";
+    char request[Base64TextSize(sizeof text)];
+    discovery::EncodeTexts(text, request);
     const HeapBlock<char> list = ZeroedBlock(kLongestList);
-    if (!list || send(sock.get(), request, size, MSG_NOSIGNAL) == -1) {
+    if (!list || send(sock.get(), request, sizeof request, MSG_NOSIGNAL) == -1) {
         Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
     }
     const size_t length = ReadAll(sock.get(), list.get(), kLongestList);

@@ -211,7 +211,7 @@ void ReadOptions(int argc, char **argv, Options *options) {
     const uint32_t given = TakeOptions(argc, argv, options);
     char **words = argv + optind;
     if (options->version) {
-        puts("tqctl " TQ_VERSION);
+        fputs("tqctl " TQ_VERSION "\n", stdout);
         exit(kDone);
     }
     options->command = words[0] ? FindCommand(words[0]) : Command::kNone;

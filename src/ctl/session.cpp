@@ -7,6 +7,7 @@
 #include "ctl/arp.h"
 #include "ctl/ask.h"
 #include "ctl/print.h"
+#include "ctl/temporary_address.h"
 #include "ctl/text.h"
 
 namespace ctl {
@@ -105,7 +106,8 @@ void Session::Approach(const Silent &silent) {
                  text.text, at.name, ToText(neighbour).text, prefix);
         }
     }
-    temporary.Add(at, neighbour, prefix);
+    AddTemporaryAddress(at, neighbour, prefix);
+    source = neighbour;
     fprintf(stderr, "gave %s for the length of this command\n", detour);
     survey.SearchFrom(silent.link, neighbour);
     survey.Discover(options.time);

@@ -6,7 +6,6 @@
 #include "ctl/kirvex_exchange.h"
 #include "ctl/options.h"
 #include "ctl/survey.h"
-#include "ctl/temporary_address.h"
 
 namespace ctl {
 
@@ -22,7 +21,7 @@ struct Session {
     FILE *out;
     Links links;
     Survey survey;
-    TemporaryAddress temporary;  // for units of foreign subnets that can't answer otherwise
+    Address source = 0;  // a temporary address, for units that can't answer otherwise
     Unit unit{};
 
     // Opens everything, and discovers.
@@ -36,7 +35,7 @@ struct Session {
     void Flush();
 
     const Link &link() const { return links.link[unit.link]; }
-    Way way() const { return {link(), temporary.address(), options.verbose}; }
+    Way way() const { return {link(), source, options.verbose}; }
 
   private:
     bool Choose();

@@ -27,7 +27,7 @@ static void ReadAddressWish(const char *text, Wish *wish) {
     address[strcspn(address, "/")] = '\0';
     const char *slash = strchr(text, '/');
     char *end = nullptr;
-    const long prefix = slash ? strtol(slash + 1, &end, 10) : 0;
+    const unsigned long prefix = slash ? strtoul(slash + 1, &end, 10) : 0;
     if (!slash || end == slash + 1 || *end != '\0' || !ReadAddress(address, &wish->address)) {
         Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24", text);
     }
@@ -83,7 +83,7 @@ void ReadWish(const Options &options, Wish *wish) {
 }
 
 static bool IsSendable(const char *identity) {
-    return identity[0] != '\0' && !strpbrk(identity, ",\n");
+    return identity[0] != '\0' && identity[strcspn(identity, ",\n")] == '\0';
 }
 
 // A unit takes a setup only when its identity in the package is the one that it reports. Returns

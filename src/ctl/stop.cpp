@@ -30,24 +30,19 @@ void Leave(int number) {
     if (wishes.terminal != -1) {
         tcsetattr(wishes.terminal, TCSAFLUSH, &wishes.settings);
     }
-    signal(number, SIG_DFL);
     raise(number);
 }
 
 // Changes the wishes while no signal can come between.
-template <class Change>
-void ChangeWishes(Change change) {
-    sigset_t all;
+void SetWishes(const LastWishes &changed) {
+    struct sigaction action {};
+    action.sa_handler = Leave;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigset_t old;
-    sigemptyset(&all);
+    sigfillset(&action.sa_mask);
+    sigprocmask(SIG_BLOCK, &action.sa_mask, &old);
+    wishes = changed;
     for (const int number : kSignals) {
-        sigaddset(&all, number);
-    }
-    sigprocmask(SIG_BLOCK, &all, &old);
-    change();
-    for (const int number : kSignals) {
-        struct sigaction action {};
-        action.sa_handler = Leave;
         sigaction(number, &action, nullptr);
     }
     sigprocmask(SIG_SETMASK, &old, nullptr);
@@ -56,20 +51,20 @@ void ChangeWishes(Change change) {
 }  // namespace
 
 void SendWhenStopped(int descriptor, const void *message, size_t size) {
-    ChangeWishes([&] {
-        wishes.size = size < sizeof wishes.message ? size : 0;
-        wishes.descriptor = descriptor;
-        if (wishes.size > 0) {
-            memcpy(wishes.message, message, wishes.size);
-        }
-    });
+    LastWishes changed = wishes;
+    if (size <= sizeof changed.message) {
+        changed.descriptor = descriptor;
+        changed.size = size;
+        memcpy(changed.message, message, size);
+    }
+    SetWishes(changed);
 }
 
 void RestoreWhenStopped(int terminal, const termios &settings) {
-    ChangeWishes([&] {
-        wishes.terminal = terminal;
-        wishes.settings = settings;
-    });
+    LastWishes changed = wishes;
+    changed.terminal = terminal;
+    changed.settings = settings;
+    SetWishes(changed);
 }
 
 }  // namespace ctl

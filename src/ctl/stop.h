@@ -8,8 +8,7 @@
 
 namespace ctl {
 
-// From now on a signal that ends the program first sends `size` bytes (at most 64) to a descriptor;
-// a size of 0 takes that back.
+// From now on a signal that ends the program first sends `size` bytes (at most 64) to a descriptor.
 void SendWhenStopped(int descriptor, const void *message, size_t size);
 
 // From now on such a signal first gives a terminal these settings; a descriptor of -1 takes that

@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,16 +50,17 @@ void Unit::Place(const Links &links, int number) {
 }
 
 bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
-    for (int digit = 0; digit < 2 * ETH_ALEN; ++digit) {
-        if (digit > 0 && digit % 2 == 0 && (*text == ':' || *text == '-')) {
+    for (int i = 0; i < ETH_ALEN; ++i) {
+        if (i > 0 && (*text == ':' || *text == '-')) {
             ++text;
         }
-        const char c = *text++;
-        if (!isxdigit(static_cast<unsigned char>(c))) {
+        if (strspn(text, "0123456789ABCDEFabcdef") < 2) {
             return false;
         }
-        const int value = c <= '9' ? c - '0' : (c & 7) + 9;
-        mac[digit / 2] = static_cast<uint8_t>(mac[digit / 2] << 4 | value);
+        for (const char *end = text + 2; text < end; ++text) {
+            const int value = *text <= '9' ? *text - '0' : (*text & 7) + 9;
+            mac[i] = static_cast<uint8_t>(mac[i] << 4 | value);
+        }
     }
     return *text == '\0';
 }
@@ -83,8 +83,12 @@ static void ReadTexts(Unit *unit) {
 // Splits a text at its commas, in place, empty fields kept. Returns their number.
 static int Split(char *text, char *(&fields)[kMostFields]) {
     int count = 0;
-    for (char *next = text; next && count < kMostFields;) {
-        fields[count++] = strsep(&next, ",");
+    for (char *next = text; next && count < kMostFields; ++count) {
+        fields[count] = next;
+        next = strchr(next, ',');
+        if (next) {
+            *next++ = '\0';
+        }
     }
     return count;
 }

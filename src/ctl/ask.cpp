@@ -92,13 +92,13 @@ void ReadNewPassword(const Options &options, Secret *password) {
     }
 }
 
-bool Confirm(const char *question) {
+bool Confirm(const char *host, const char *detour) {
     const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
     Secret answer;
     if (!terminal || !isatty(STDIN_FILENO)) {
         return false;
     }
-    dprintf(terminal.get(), "%s [y/N] ", question);
+    dprintf(terminal.get(), "%s can answer only its own subnet. Give %s? [y/N] ", host, detour);
     return ReadLine(terminal.get(), &answer) && (answer.text[0] == 'y' || answer.text[0] == 'Y');
 }
 

@@ -161,29 +161,13 @@ static void WriteCell(const Unit &unit, int column, char (&cell)[kCellSize]) {
     MakeHarmless(text, cell);
 }
 
-// Writes a cell of the heading, which is row -1, or of a unit.
-static void WriteRow(UnitList &units, int row, int column, char (&cell)[kCellSize]) {
-    if (row < 0) {
-        CopyText(cell, kTable[column].heading);
-    } else {
-        WriteCell(units[row], column, cell);
-    }
-}
-
-// As wide as the longest text of each column, then less where a terminal has no room.
-static void MeasureColumns(UnitList &units, size_t columns, Widths &widths) {
+// Takes from the widest texts until all columns have room.
+static void Narrow(size_t room, Widths &widths) {
     size_t total = 2 * (kColumns - 1);
-    for (int column = 0; column < kColumns; ++column) {
-        widths[column] = 0;
-        for (int row = -1; row < units.count(); ++row) {
-            char cell[kCellSize];
-            WriteRow(units, row, column, cell);
-            const size_t width = DisplayWidth(cell);
-            widths[column] = width > widths[column] ? width : widths[column];
-        }
-        total += widths[column];
+    for (const size_t width : widths) {
+        total += width;
     }
-    for (; columns > 0 && total > columns; --total) {
+    for (; total > room; --total) {
         size_t *widest = widths;
         for (const Column column : {kModelColumn, kProjectColumn, kNoteColumn}) {
             widest = widths[column] > *widest ? &widths[column] : widest;
@@ -195,21 +179,36 @@ static void MeasureColumns(UnitList &units, size_t columns, Widths &widths) {
     }
 }
 
-void PrintTable(FILE *out, Survey &survey, size_t columns) {
-    UnitList &units = survey.units();
-    Widths widths;
-    MeasureColumns(units, columns, widths);
+// Measures how wide each column must be, or prints all.
+static void WalkTable(FILE *out, UnitList &units, Widths &widths) {
     for (int row = -1; row < units.count(); ++row) {
         for (int column = 0; column < kColumns; ++column) {
             char cell[kCellSize];
-            WriteRow(units, row, column, cell);
+            if (row < 0) {
+                CopyText(cell, kTable[column].heading);
+            } else {
+                WriteCell(units[row], column, cell);
+            }
+            const size_t width = DisplayWidth(cell);
+            if (!out) {
+                widths[column] = width > widths[column] ? width : widths[column];
+                continue;
+            }
             // The last column is padded for nobody.
             const bool last = column == kColumns - 1;
-            const bool padded = !last || DisplayWidth(cell) > widths[column];
-            PrintCell(out, cell, padded ? widths[column] : 0);
+            PrintCell(out, cell, last && width <= widths[column] ? 0 : widths[column]);
             fputs(last ? "\n" : "  ", out);
         }
     }
+}
+
+void PrintTable(FILE *out, Survey &survey, size_t columns) {
+    Widths widths = {};
+    WalkTable(nullptr, survey.units(), widths);
+    if (columns > 0) {
+        Narrow(columns, widths);
+    }
+    WalkTable(out, survey.units(), widths);
 }
 
 void PrintPlain(FILE *out, const Unit &unit) {

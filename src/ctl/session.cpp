@@ -91,24 +91,15 @@ void Session::Approach(const Silent &silent) {
         Fail(kNoRight, "found no free address next to %s on %s", text.text, at.name);
     }
     const int prefix = CommonPrefix(silent.address, gateway != 0 ? gateway : silent.address);
-    char detour[64];
-    snprintf(detour, sizeof detour, "%s the address %s/%d", at.name, ToText(neighbour).text,
-             prefix);
-    if (!options.yes) {
-        char question[160];
-        snprintf(question, sizeof question,
-                 "%s can answer only its own subnet. Give %s for the length of this command?",
-                 text.text, detour);
-        if (!Confirm(question)) {
-            Fail(kUsage,
-                 "%s can answer only its own subnet, and %s has no address there. --yes gives it "
-                 "%s/%d for the length of the command",
-                 text.text, at.name, ToText(neighbour).text, prefix);
-        }
+    char detour[80];
+    snprintf(detour, sizeof detour, "%s the address %s/%d for the length of this command", at.name,
+             ToText(neighbour).text, prefix);
+    if (!options.yes && !Confirm(text.text, detour)) {
+        Fail(kUsage, "%s can answer only its own subnet. --yes gives %s", text.text, detour);
     }
     AddTemporaryAddress(at, neighbour, prefix);
     source = neighbour;
-    fprintf(stderr, "gave %s for the length of this command\n", detour);
+    fprintf(stderr, "gave %s\n", detour);
     survey.SearchFrom(silent.link, neighbour);
     survey.Discover(options.time);
 }

@@ -199,113 +199,83 @@ static void Describe(const Session &session, const Wish &wish, const char *verb)
                   wish.dns != 0 ? wish.dns : session.unit.dns);
 }
 
-namespace {
-
-// The wait until a unit shows what it was given.
-struct Verification {
-    Session &session;
-    const Wish &wish;
-    bool accepted;        // the unit has said so
-    bool silent = false;  // it has been, so it did something
-    Unit seen{};
-};
-
-}  // namespace
-
-// Listens for one round. Returns whether the unit was heard.
-static bool HearUnit(Verification &verification) {
-    const Unit &unit = verification.session.unit;
-    Survey &survey = verification.session.survey;
-    survey.HearRound(kRoundHalf);
-    for (int i = 0; i < survey.units().count(); ++i) {
-        const Unit &heard = survey.units()[i];
-        if (heard.kirvex == unit.kirvex && memcmp(heard.mac, unit.mac, ETH_ALEN) == 0) {
-            verification.seen = heard;
-            return true;
+// Listens for one round. Returns the unit as it was heard, or null.
+static const Unit *HearUnit(Session &session) {
+    session.survey.HearRound(kRoundHalf);
+    const UnitList &units = session.survey.units();
+    for (int i = 0; i < units.count(); ++i) {
+        if (units[i].kirvex == session.unit.kirvex &&
+            memcmp(units[i].mac, session.unit.mac, ETH_ALEN) == 0) {
+            return &units[i];
         }
     }
-    return false;
-}
-
-static bool ShowsWish(const Verification &verification) {
-    const Wish &wish = verification.wish;
-    const Unit &seen = verification.seen;
-    if (wish.dhcp) {
-        // The same address once more counts when the unit has been away to ask for it.
-        return seen.ip != verification.session.unit.ip || verification.accepted ||
-               verification.silent;
-    }
-    return seen.ip == wish.address && seen.netmask == MaskOf(wish.prefix);
+    return nullptr;
 }
 
 // A KIRVEX unit that has left this machine's subnets can't answer a search, but whoever has its MAC
 // and the new address is the unit.
-static bool HoldsAddress(const Verification &verification) {
-    const Session &session = verification.session;
+static bool HoldsAddress(const Session &session, const Wish &wish) {
     uint8_t mac[ETH_ALEN];
-    return session.unit.kirvex && !verification.wish.dhcp &&
-           !session.link().Fits(verification.wish.address) &&
-           FindHolder(session.link(), verification.wish.address, mac) == Holder::kSomebody &&
+    return session.unit.kirvex && !wish.dhcp && !session.link().Fits(wish.address) &&
+           FindHolder(session.link(), wish.address, mac) == Holder::kSomebody &&
            memcmp(mac, session.unit.mac, sizeof mac) == 0;
 }
 
-static void Report(const Verification &verification) {
-    const Unit &seen = verification.seen;
-    FILE *out = verification.session.out;
+static void Report(const Session &session, const Wish &wish, const Unit &seen) {
     char name[kCellSize];
     MakeHarmless(seen.info.name, name);
-    fprintf(out, "%s (%s) answers from ", name, seen.info.mac);
-    PrintSettings(out, seen.ip, seen.prefix, seen.gateway, seen.dns);
-    if (!verification.wish.dhcp && seen.gateway != verification.wish.gateway) {
+    fprintf(session.out, "%s (%s) answers from ", name, seen.info.mac);
+    PrintSettings(session.out, seen.ip, seen.prefix, seen.gateway, seen.dns);
+    if (!wish.dhcp && seen.gateway != wish.gateway) {
         Complain("but its gateway is %s", ToText(seen.gateway, "none").text);
     }
 }
 
-[[noreturn]] static void FailVerification(const Verification &verification, bool heard) {
-    const Session &session = verification.session;
+[[noreturn]] static void FailVerification(const Session &session, const Unit *seen) {
     const int seconds = session.options.wait / 1000;
-    if (!heard) {
+    if (!seen) {
         Fail(kNotTaken,
              "the unit has not answered from anywhere within %d s (it was %s): its network may "
              "still be restarting; look again with 'tqctl list'",
              seconds, ToText(session.unit.ip).text);
     }
-    Fail(kNotTaken, "the unit still answers from %s after %d s%s%s",
-         ToText(verification.seen.ip).text, seconds,
-         session.unit.kirvex ? ""
-                             : ". Either its /etc/TQ.conf says NETSETUP=NO, or it has heard a "
-                               "setup since its daemon started (it takes one): restart the daemon "
-                               "and try again",
-         session.unit.kirvex || session.survey.HasPacketRight()
+    const bool kirvex = session.unit.kirvex;
+    Fail(kNotTaken, "the unit still answers from %s after %d s%s%s", ToText(seen->ip).text, seconds,
+         kirvex ? ""
+                : ". Either its /etc/TQ.conf says NETSETUP=NO, or it has heard a setup since its "
+                  "daemon started (it takes one): restart the daemon and try again",
+         kirvex || session.survey.HasPacketRight()
              ? ""
              : ". Or it can't be reached by its address: try as root");
 }
 
 // Discovers until the unit shows what it was given. `setup` is repeated while it still says what it
 // said before, because the first may be lost; one that was heard makes it deaf to the next.
-static void Verify(Verification &verification, const UnitInfo *setup) {
-    Session &session = verification.session;
+// `accepted` is whether the unit has said that it takes it.
+static void Verify(Session &session, const Wish &wish, bool accepted, const UnitInfo *setup) {
     const Stopwatch watch;
     int sent = 1;
-    bool heard = false;
+    const Unit *seen = nullptr;
     while (watch.Passed() < session.options.wait) {
-        heard = HearUnit(verification);
-        if (heard && ShowsWish(verification)) {
-            Report(verification);
-            return;
-        }
-        if (!heard && HoldsAddress(verification)) {
+        seen = HearUnit(session);
+        if (!seen && HoldsAddress(session, wish)) {
             fprintf(session.out, "%s has %s: it answers address resolution there\n",
-                    session.unit.info.mac, ToText(verification.wish.address).text);
+                    session.unit.info.mac, ToText(wish.address).text);
             return;
         }
-        verification.silent |= !heard;
-        if (setup && heard && sent < kMostSetups && watch.Passed() > sent * kRepeatAfter) {
+        // With DHCP the same address once more counts when the unit has been away to ask for it.
+        accepted |= !seen;
+        if (seen && (wish.dhcp ? accepted || seen->ip != session.unit.ip
+                               : seen->ip == wish.address && seen->prefix == wish.prefix)) {
+            Report(session, wish, *seen);
+            return;
+        }
+        if (setup && seen && sent < kMostSetups && watch.Passed() > sent * kRepeatAfter) {
             SendSetup(session, *setup);
             ++sent;
         }
     }
-    FailVerification(verification, heard);
+    FailVerification(session, seen);
 }
 
 static void SetNative(Session &session, const Wish &wish) {
@@ -321,8 +291,7 @@ static void SetNative(Session &session, const Wish &wish) {
         Fail(kNoRight, "can't send on %s: %s", session.link().name, strerror(errno));
     }
     Describe(session, wish, "asked");
-    Verification verification{session, wish, false};
-    Verify(verification, &setup);
+    Verify(session, wish, false, &setup);
 }
 
 static kx::Settings MakeSettings(const Unit &unit, const Wish &wish) {
@@ -359,8 +328,7 @@ static void SetKirvex(Session &session, const Wish &wish) {
         const unsigned seconds = verdict.waitSeconds < 10 ? verdict.waitSeconds : 10;
         Pause(static_cast<Milliseconds>(seconds) * 1000);
     }
-    Verification verification{session, wish, verdict.answered};
-    Verify(verification, nullptr);
+    Verify(session, wish, verdict.answered, nullptr);
 }
 
 static void ShowDryRun(Session &session, const Wish &wish) {

@@ -265,7 +265,7 @@ def test_kirvex_unit_that_can_not_answer(net):
     assert silent == {"ip": "10.77.5.31", "gateway": "10.77.5.1", "mac": host.macs[0], "interface": "eth0"}
     net.desk.write({"etc/right": "1234\n"})
     addresses = net.desk.run("ip -o -4 address")
-    tqctl(net.desk, "show", "10.77.5.31", status=2, said="--yes gives it 10.77.5.32/24")
+    tqctl(net.desk, "show", "10.77.5.31", status=2, said="--yes gives eth0 the address 10.77.5.32/24")
     tqctl(net.desk, "show", "10.77.5.31", "--yes", right="nobody", status=5, said="setcap")
     assert '"name":"QVR-7140-16T"' in tqctl(net.desk, "show", host.macs[0], "--yes", "--json")
     waiting = subprocess.Popen(net.desk.tqctl("-t", "30", "show", "10.77.5.31", "--yes", prefix=NUMBERED),

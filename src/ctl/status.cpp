@@ -6,7 +6,7 @@
 
 namespace ctl {
 
-static void Print(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) static void Print(const char *format, va_list arguments) {
     fputs("tqctl: ", stderr);
     vfprintf(stderr, format, arguments);
     fputc('\n', stderr);

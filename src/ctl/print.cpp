@@ -163,7 +163,7 @@ static void WriteCell(const Unit &unit, int column, char (&cell)[kCellSize]) {
 
 // Takes from the widest texts until all columns have room.
 static void Narrow(size_t room, Widths &widths) {
-    size_t total = 2 * (kColumns - 1);
+    size_t total = size_t{2} * (kColumns - 1);
     for (const size_t width : widths) {
         total += width;
     }

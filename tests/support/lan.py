@@ -264,7 +264,7 @@ class Host:
         self.write({"opt/account-pages": (TOP / "tests/support/account-pages").read_text()})
         self.path("opt/account-pages").chmod(0o755)
         self.run(f"/opt/account-pages {scheme} 8080 >/dev/null 2>&1 & echo $! >/run/account-pages", stdout=None)
-        wait_until(lambda: ":1F90 " in self.run("cat /proc/net/tcp"))
+        wait_until(lambda: ":1F90 00000000:0000 0A" in self.run("cat /proc/net/tcp"))  # it listens
 
     def web_log(self):
         """Ends the web server and returns the requests that it had."""

@@ -5,6 +5,7 @@
 #include "common/socket.h"
 #include "kirvex/client.h"
 #include "support.h"
+#include "unit/unit_info.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const UniqueFd sender = UdpSocket();

@@ -73,6 +73,16 @@ bool Link::Owns(Address address) const {
     return false;
 }
 
+bool Link::IsOfOne(Address address) const {
+    bool all = address == 0 || address >= INADDR_UNSPEC_GROUP;
+    for (int i = 0; i < addressCount; ++i) {
+        const Address hosts = ~addresses[i].mask;
+        const Address differing = addresses[i].address ^ address;
+        all |= (differing & ~hosts) == 0 && ((address & hosts) == 0 || (~address & hosts) == 0);
+    }
+    return !all;
+}
+
 int Links::Find(int index) const {
     for (int i = 0; i < count; ++i) {
         if (link[i].index == index) {

@@ -44,6 +44,8 @@ struct Link {
     // Whether an address lies in one of the link's subnets, and whether it is the link's own.
     bool Fits(Address address) const;
     bool Owns(Address address) const;
+    // Whether an address is one host's, and neither nobody's nor everybody's.
+    bool IsOfOne(Address address) const;
 };
 
 struct Links {

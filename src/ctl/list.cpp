@@ -172,13 +172,17 @@ void List(Session &session) {
         Watch(session);
     }
     UnitList &units = session.survey.units();
-    for (int i = units.count() - 1; i >= 0; --i) {
+    const int heard = units.count();
+    for (int i = heard - 1; i >= 0; --i) {
         if (!IsWanted(units[i], options)) {
             units.Drop(i);
         }
     }
     PrintUnits(session);
     session.Flush();
+    if (units.count() == 0 && heard > 0) {
+        Fail(kNoUnit, "none of %d units is of project '%s'", heard, options.project);
+    }
     if (units.count() == 0 && options.via) {
         Fail(kNoUnit, "%s gave no list: a unit that finds no other on its LAN gives none",
              options.via);

@@ -22,7 +22,7 @@ static constexpr Milliseconds kRoundHalf = 250;
 
 // "A/PREFIX", its address one that a host can have.
 static void ReadAddressWish(const char *text, Wish *wish) {
-    char address[16];
+    char address[sizeof(AddressText) + 1];  // one that is too long stays too long
     CopyText(address, text);
     address[strcspn(address, "/")] = '\0';
     const char *slash = strchr(text, '/');
@@ -93,7 +93,6 @@ static const char *FindUnsendable(const UnitInfo &info) {
            : !IsSendable(info.proj)         ? "project"
            : !IsSendable(info.name)         ? "name"
            : !IsSendable(info.trigger_port) ? "port"
-           : !IsSendable(info.mac)          ? "MAC address"
            : !IsSendable(info.dev)          ? "interface name"
                                             : nullptr;
 }
@@ -137,11 +136,13 @@ static bool IsTaken(Session &session, Address address) {
 // Says all that speaks against a wish. Returns whether there is any.
 static bool IsRefused(Session &session, const Wish &wish) {
     const Unit &unit = session.unit;
-    const char *unsendable = unit.kirvex ? nullptr : FindUnsendable(unit.info);
+    const char *unsendable = !unit.HasMac() ? "MAC address"
+                             : unit.kirvex  ? nullptr
+                                            : FindUnsendable(unit.info);
     if (unsendable) {
         Complain(
-            "refused: the unit's %s is empty or holds a comma, and no setup that names the unit "
-            "can carry it: give it another one first",
+            "refused: the unit's %s is empty, everybody's or holds a comma, and no setup that "
+            "names the unit can carry it: give it another one first",
             unsendable);
     }
     const bool unnamed = !wish.dhcp && unit.dns == 0;
@@ -280,9 +281,10 @@ static void Verify(Session &session, const Wish &wish, bool accepted, const Unit
 
 static void SetNative(Session &session, const Wish &wish) {
     const Address ip = session.unit.ip;
-    if (!session.survey.HasPacketRight() && (ip == 0 || FindUnitAt(session, ip))) {
+    if (!session.survey.HasPacketRight() &&
+        (!session.link().IsOfOne(ip) || FindUnitAt(session, ip))) {
         Fail(kNoRight,
-             "another unit has the address %s, too, or nobody has it; only a packet socket reaches "
+             "others have the address %s, too, or nobody has it; only a packet socket reaches "
              "this unit alone: run this as root, or once: %s",
              ToText(ip).text, kSetcap);
     }

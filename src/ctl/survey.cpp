@@ -183,7 +183,7 @@ void Survey::Discover(Milliseconds time) {
         }
         const int before = units_.count();
         if (shown) {
-            fprintf(stderr, "\rlooking for units ... %d", before);
+            fprintf(stderr, "looking for units ... %d\r", before);
             fflush(stderr);
         }
         for (int i = 0; i < kQueriesInRound; ++i) {
@@ -198,7 +198,7 @@ void Survey::Discover(Milliseconds time) {
         quiet = units_.count() > before ? 0 : quiet + 1;
     }
     if (shown) {
-        fputs("\r\033[K", stderr);
+        fputs("\033[K", stderr);
     }
     units_.Sort();
     SortOut();

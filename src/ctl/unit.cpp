@@ -39,6 +39,11 @@ bool Unit::IsSameAs(const Unit &other) const {
            (info.mac[0] != '\0' || strcmp(info.note, other.info.note) == 0);
 }
 
+bool Unit::HasMac() const {
+    static constexpr uint8_t kNobody[ETH_ALEN] = {};
+    return (mac[0] & 1) == 0 && memcmp(mac, kNobody, sizeof mac) != 0;
+}
+
 void Unit::Place(const Links &links, int number) {
     link = number;
     bool fitting = false;

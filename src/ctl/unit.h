@@ -37,6 +37,8 @@ struct Unit {
     char interface[IFNAMSIZ];
 
     bool IsWhole() const { return kirvex || fields == kPackageFields; }
+    // Whether it says a MAC address of one station.
+    bool HasMac() const;
     bool IsHeardOnce() const { return heard == 1 && link >= 0; }
     // What names a unit among others.
     bool IsSameAs(const Unit &other) const;

@@ -87,10 +87,10 @@ def answering(host, answers, loss=0.0):
             thread.join()
 
 
-def forged(number, name=None, ip=None, note="note", **_):
+def forged(number, name=None, ip=None, note="note", oui="02:00:00"):
     name = f"unit{number}" if name is None else name
     return lan.package(1, MODEL, "NVR", name, ip or f"192.168.{number >> 8 | 1}.{number & 255}", "80", "255.255.0.0",
-                       lan.NO_ADDRESS, "192.168.1.2", f"02:00:00:00:{number >> 8:02X}:{number & 255:02X}", "eth0", note)
+                       lan.NO_ADDRESS, "192.168.1.2", f"{oui}:00:{number >> 8:02X}:{number & 255:02X}", "eth0", note)
 
 
 @pytest.mark.parametrize("right", RIGHTS)
@@ -187,6 +187,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "hall", "--address", "192.168.1.50"], 2, "no ADDRESS/PREFIX"),
             (["set", "hall", "--address", "192.168.1.50/31"], 2, "from 1 to 30"),
             (["set", "hall", "--address", "192.168.1.50,x/24"], 2, "no ADDRESS/PREFIX"),
+            (["set", "hall", "--address", "192.168.100.2000/24"], 2, "no ADDRESS/PREFIX"),
             (["set", "hall", "--address", "192.168.1.0/24"], 2, "network address"),
             (["set", "hall", "--address", "192.168.1.255/24"], 2, "broadcast address"),
             (["set", "hall", "--address", "224.0.0.5/24"], 2, "no address of a host"),
@@ -197,7 +198,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "hall", "--address", "192.168.1.99/24"], 2, "refused: 02:.* has 192.168.1.99"),
             (["set", "hall", "--address", "192.168.1.20/24"], 2, "refused: this machine has"),
             (["set", "bare", *fits], 2, "refused: the unit reports no name server"),
-            (["set", "192.168.1.24", *fits], 2, "refused: the unit's name is empty or holds a comma"),
+            (["set", "192.168.1.24", *fits], 2, "refused: the unit's name is empty, everybody's or holds a comma"),
             (["set", "192.168.1.25", "--dhcp"], 2, "refused: the unit's project is empty"),
             (["set", "192.168.1.26", *fits], 4, "is 2 units.*\n  {}.*\n  {}".format(*(host.macs[0] for host in twins))),
             (["set", "nobody", *fits], 3, "no unit 'nobody'"),
@@ -206,6 +207,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "hall", "--address", "192.168.1.22/24", "--dry-run", "--yes"], 2, "and nothing would be"),
             (["-i", "eth7", "list"], 2, "no Ethernet interface eth7"), (["show", "hall", "--watch"], 2, "does not take"),
             (["list", "--format", "${nothing}"], 2, "has no ..nothing.; it has .*.{ip}"), (["lst"], 2, "no command"),
+            (["list", "-F", "Nas"], 3, "none of 7 units is of project 'Nas'"),
             (["list", "--json", "--plain"], 2, "exclude each other"), (["list", "--via", "192.168.1.98"], 3, "can't reach"),
             (["-t", "0", "list"], 2, "no number of seconds"))):
         tqctl(net.desk, *(["-t", "0.4"] if "-t" not in arguments else []), *arguments, status=status, said=said,
@@ -311,6 +313,16 @@ def test_hostile_texts_do_no_harm(net):
     assert len({line.count("\t") for line in plain.splitlines()}) == 1
     assert "[12 fields] one, two" in table and r"\x1b[2J\x9b5m\x0d\x0a" in table and "no,unit,at,all" in table
     assert len(screen.splitlines()) == len(rows) + 1 and "x~ " in screen
+
+    # A setup for one who says to be everybody would be the only one of every unit.
+    store = unit(net, "store", "192.168.1.22/24")
+    everybody = ("255.255.255.255", "192.168.1.255", "224.0.0.1")
+    answers = [(forged(number, ip=ip), 2) for number, ip in enumerate(everybody)] + [(forged(9, oui="FF:FF:FF"), 2)]
+    with answering(crowd, answers):
+        for ip in everybody:
+            tqctl(net.desk, "-t", "0.3", "set", ip, "--dhcp", right="nobody", status=5, said="only a packet socket")
+        tqctl(net.desk, "-t", "0.3", "set", "unit9", "--dhcp", status=2, said="MAC address is empty, everybody's")
+    assert "NETWORK_SETUP" not in store.log()
 
 
 def test_crowds_and_losses(net):

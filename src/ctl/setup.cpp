@@ -250,6 +250,13 @@ static void Report(const Session &session, const Wish &wish, const Unit &seen) {
              : ". Or it can't be reached by its address: try as root");
 }
 
+// When the address stays as it was, gateway and name server tell whether the unit took the rest.
+static bool ShowsWish(const Unit &before, const Wish &wish, const Unit &seen) {
+    return seen.ip == wish.address && seen.prefix == wish.prefix &&
+           (seen.ip != before.ip || seen.prefix != before.prefix ||
+            (seen.gateway == wish.gateway && (wish.dns == 0 || seen.dns == wish.dns)));
+}
+
 // Discovers until the unit shows what it was given. `setup` is repeated while it still says what it
 // said before, because the first may be lost; one that was heard makes it deaf to the next.
 // `accepted` is whether the unit has said that it takes it.
@@ -267,7 +274,7 @@ static void Verify(Session &session, const Wish &wish, bool accepted, const Unit
         // With DHCP the same address once more counts when the unit has been away to ask for it.
         accepted |= !seen;
         if (seen && (wish.dhcp ? accepted || seen->ip != session.unit.ip
-                               : seen->ip == wish.address && seen->prefix == wish.prefix)) {
+                               : ShowsWish(session.unit, wish, *seen))) {
             Report(session, wish, *seen);
             return;
         }

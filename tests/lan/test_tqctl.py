@@ -162,7 +162,8 @@ def test_dhcp_gateway_and_units_that_do_not_take_it(net, right):
     host.write({"etc/lease": "192.168.1.90 255.255.255.0\n"})
     assert "192.168.1.90/24" in tqctl(net.desk, "set", "hall", "--dhcp", right=right)  # the same once more
     closed = unit(net, "closed", "192.168.1.23/24", setup="NO")
-    tqctl(net.desk, "set", "closed", "--dhcp", "--wait", "3", status=6, right=right, said="restart the daemon")
+    for wish in (["--dhcp"], ["--address", "192.168.1.23/24", "--gateway", "192.168.1.1"]):
+        tqctl(net.desk, "set", "closed", *wish, "--wait", "3", status=6, right=right, said="restart the daemon")
     host.stop_all()
     host.start_tq()
     assert "gateway 192.168.1.1, name server 192.168.1.7" in tqctl(

@@ -140,8 +140,8 @@ printf '#!/bin/sh\\necho "$@" >>/var/networking\\n' >etc/init.d/networking && ch
 hostname "${1##*/}"
 # A dissector takes the ports from 33434 on for a traceroute's, and says so.
 echo 40000 60999 >/proc/sys/net/ipv4/ip_local_port_range
-echo ready
-exec chroot . bash -c 'exec -a init sh -c "$0" >/dev/null 2>&1' "$5"
+# Whoever enters finds this process's root, so it has to be there by then.
+exec chroot . bash -c 'echo ready; exec -a init sh -c "$0" >/dev/null 2>&1' "$5"
 """
 
 

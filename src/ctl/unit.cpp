@@ -62,10 +62,11 @@ bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
         if (strspn(text, "0123456789ABCDEFabcdef") < 2) {
             return false;
         }
+        int byte = 0;
         for (const char *end = text + 2; text < end; ++text) {
-            const int value = *text <= '9' ? *text - '0' : (*text & 7) + 9;
-            mac[i] = static_cast<uint8_t>(mac[i] << 4 | value);
+            byte = byte << 4 | (*text <= '9' ? *text - '0' : (*text & 7) + 9);
         }
+        mac[i] = static_cast<uint8_t>(byte);
     }
     return *text == '\0';
 }

@@ -324,7 +324,9 @@ static void SetKirvex(Session &session, const Wish &wish) {
                         MakeSettings(session.unit, wish), session.options.wait);
     if (verdict.answered) {
         if (verdict.code != kx::kSuccess && verdict.error == kx::kErrorCameraName) {
-            Fail(kRefused, "the unit says that it is not called %s", session.unit.info.name);
+            char name[kCellSize];
+            MakeHarmless(session.unit.info.name, name);
+            Fail(kRefused, "the unit says that it is not called %s", name);
         }
         if (verdict.code != kx::kSuccess) {
             FailLogin();

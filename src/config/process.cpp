@@ -108,7 +108,11 @@ int COM_SavePid(const char *path) {
     // Whoever may write into it names the process that the init script ends.
     const UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (file) {
-        dprintf(file.get(), "%d", getpid());
+        // dprintf would leave the daemon a page of heap that it never uses again.
+        char text[12];
+        const int length = snprintf(text, sizeof text, "%d", getpid());
+        [[maybe_unused]] const ssize_t written =
+            write(file.get(), text, static_cast<size_t>(length));
     } else {
         TQ_LOG("open(%s) error : %m\n", path);
     }

@@ -8,23 +8,32 @@ static constexpr char kAlphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 static constexpr uint8_t kOutside = 64;
 
-static constexpr std::array<uint8_t, 256> MakeValues() {
-    std::array<uint8_t, 256> values{};
+// The alphabet lies between these two.
+static constexpr unsigned kFirst = '+';
+static constexpr size_t kSpread = 'z' - '+' + 1;
+
+static constexpr std::array<uint8_t, kSpread> MakeValues() {
+    std::array<uint8_t, kSpread> values{};
     values.fill(kOutside);
     for (uint8_t i = 0; i < 64; ++i) {
-        values[static_cast<uint8_t>(kAlphabet[i])] = i;
+        values[static_cast<uint8_t>(kAlphabet[i]) - kFirst] = i;
     }
     return values;
 }
 
-static constexpr std::array<uint8_t, 256> kValues = MakeValues();
+static constexpr std::array<uint8_t, kSpread> kValues = MakeValues();
+
+static unsigned ValueOf(unsigned character) {
+    const unsigned place = character - kFirst;
+    return place < kSpread ? kValues[place] : kOutside;
+}
 
 char COM_Base2Chr(int value) {
     return kAlphabet[value & 63];
 }
 
 int COM_Chr2Base(int character) {
-    return character < 0 || character > 255 ? kOutside : kValues[static_cast<size_t>(character)];
+    return static_cast<int>(ValueOf(static_cast<unsigned>(character)));
 }
 
 int COM_Base64Encode(char *out, const void *in, int length) {
@@ -61,7 +70,7 @@ int DecodeBase64(void *out, size_t outSize, const char *text, size_t textSize) {
     unsigned carry = 0;
     for (size_t i = 0; written < outSize && i < textSize && text[i] != '\0' && text[i] != '=';
          ++i) {
-        const unsigned value = kValues[static_cast<uint8_t>(text[i])];
+        const unsigned value = ValueOf(static_cast<uint8_t>(text[i]));
         if (value == kOutside) {
             continue;
         }

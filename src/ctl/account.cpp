@@ -1,5 +1,6 @@
 #include "ctl/account.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "ctl/kirvex_exchange.h"
@@ -26,8 +27,8 @@ static bool IsUsable(const char *account) {
 
 void ReadCredentials(const Options &options, Secret *password) {
     if (!IsUsable(options.account)) {
-        Fail(kUsage, "an administrator's account begins with \"%s\" and has at most %zu characters",
-             kAdministrator, kLongestAccount);
+        Fail(kUsage, "an account begins with \"%s\" and has at most %zu characters", kAdministrator,
+             kLongestAccount);
     }
     ReadPassword(options, password);
     if (strlen(password->text) > kLongestPassword) {
@@ -37,30 +38,29 @@ void ReadCredentials(const Options &options, Secret *password) {
 
 void FailLogin() {
     Fail(kRefused,
-         "the unit refuses: the account or the password is wrong, or its web server does not "
-         "answer, or another administrator is at work there");
+         "the unit refuses: the account or the password is wrong, its web server does not answer, "
+         "or another administrator is at work");
 }
 
 // Finds the unit, which must be one that knows accounts.
 static void SelectKirvexUnit(Session &session) {
     session.SelectUnit();
     if (!session.unit.kirvex) {
-        Fail(kUsage, "%s speaks the native protocol, which knows no passwords",
-             session.options.unit);
+        Fail(kUsage, "%s is a native unit, which knows no passwords", session.options.unit);
     }
-    fputs("the unit will log in to its web server; that may end another administrator's session\n",
-          stderr);
+    Say("the unit logs in to its web server; that may end another administrator's session");
 }
 
 // Whether the unit logs in with a password.
 static bool TryPassword(Session &session, const char *password) {
-    const Verdict verdict = RequestLogin(session.way(), session.unit,
-                                         {session.options.account, password}, session.options.wait);
+    const Verdict verdict = RequestLogin(
+        session.way(), session.unit, {session.options.account, password}, session.options.patience);
     if (!verdict.answered) {
-        Fail(kNotTaken,
-             "the unit has not replied within %d s: its web server may be slow or down, or the "
-             "reply can't come back to this machine",
-             session.options.wait / 1000);
+        Fail(
+            kNotTaken,
+            "no reply within %d s: the unit's web server may be slow or down, or no way leads back "
+            "to this machine",
+            session.options.patience / 1000);
     }
     if (verdict.code == kx::kSuccess) {
         Fail(kNotTaken, "the unit does not compare names: its answer proves nothing");
@@ -75,8 +75,7 @@ void CheckPassword(Session &session) {
     if (!TryPassword(session, password.text)) {
         FailLogin();
     }
-    fprintf(session.out, "%s: the password of %s is right\n", session.unit.info.mac,
-            session.options.account);
+    printf("%s: the password of %s is right\n", session.unit.info.mac, session.options.account);
 }
 
 [[noreturn]] static void FailChange(const Verdict &verdict) {
@@ -103,13 +102,12 @@ void ChangePassword(Session &session) {
     const size_t length = strspn(changed.text, kDigits);
     if (length == 0 || length > kLongestPassword || changed.text[length] != '\0') {
         Fail(kUsage,
-             "a new password is 1 to %zu digits: a unit takes nothing else, and could not log in "
-             "with more",
+             "a new password is 1 to %zu digits: units take nothing else, nor log in with more",
              kLongestPassword);
     }
     const Verdict verdict =
         RequestPassword(session.way(), session.unit, {session.options.account, password.text},
-                        changed.text, session.options.wait);
+                        changed.text, session.options.patience);
     if (verdict.answered && verdict.code != kx::kSuccess) {
         FailChange(verdict);
     }
@@ -118,8 +116,8 @@ void ChangePassword(Session &session) {
         Fail(kNotTaken, "the unit does not log in with the new password%s",
              verdict.answered ? ", though it says that it has changed it" : "");
     }
-    fprintf(session.out, "%s: the password of %s is changed, and the new one works\n",
-            session.unit.info.mac, session.options.account);
+    printf("%s: the password of %s is changed, and the new one works\n", session.unit.info.mac,
+           session.options.account);
 }
 
 }  // namespace ctl

@@ -4,12 +4,12 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "common/owners.h"
 #include "ctl/stop.h"
+#include "ctl/text.h"
 
 namespace ctl {
 
@@ -37,25 +37,27 @@ static bool ReadLine(int descriptor, Secret *line) {
     return used > 0;
 }
 
+[[noreturn]] static void FailToRead(const char *name) {
+    Fail(kUsage, "%s has no line of at most 63 characters", name);
+}
+
 // Reads a password from a file; without one from standard input.
 static void ReadFrom(const char *path, Secret *password) {
     const UniqueFd file(path ? open(path, O_RDONLY | O_CLOEXEC) : dup(STDIN_FILENO));
     const char *name = path ? path : "standard input";
     if (!file) {
-        Fail(kUsage, "can't read %s: %s", name, strerror(errno));
+        __extension__ Fail(kUsage, "can't read %s: %m", name);
     }
     if (!ReadLine(file.get(), password)) {
-        Fail(kUsage, "%s has no line of at most 63 characters", name);
+        FailToRead(name);
     }
 }
 
 static void ReadFromTerminal(const char *prompt, Secret *password) {
     const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
     termios settings;
-    if (!terminal || tcgetattr(terminal.get(), &settings) == -1) {
-        Fail(kUsage,
-             "there is no terminal to ask for the password on: use --password-file or "
-             "--password-stdin");
+    if (tcgetattr(terminal.get(), &settings) == -1) {
+        Fail(kUsage, "no terminal to ask on: use --password-file or --password-stdin");
     }
     RestoreWhenStopped(terminal.get(), settings);
     termios silent = settings;
@@ -67,7 +69,7 @@ static void ReadFromTerminal(const char *prompt, Secret *password) {
     tcsetattr(terminal.get(), TCSAFLUSH, &settings);
     RestoreWhenStopped(-1, settings);
     if (!read) {
-        Fail(kUsage, "no password, or one of more than 63 characters");
+        FailToRead(kTerminal);
     }
 }
 
@@ -92,14 +94,14 @@ void ReadNewPassword(const Options &options, Secret *password) {
     }
 }
 
-bool Confirm(const char *host, const char *detour) {
+bool Confirm(const char *detour) {
     const UniqueFd terminal(open(kTerminal, O_RDWR | O_CLOEXEC));
     Secret answer;
-    if (!terminal || !isatty(STDIN_FILENO)) {
+    if (TerminalColumns(STDIN_FILENO) < 0 || !terminal) {
         return false;
     }
-    dprintf(terminal.get(), "%s can answer only its own subnet. Give %s? [y/N] ", host, detour);
-    return ReadLine(terminal.get(), &answer) && (answer.text[0] == 'y' || answer.text[0] == 'Y');
+    dprintf(terminal.get(), "Give %s? [y/N] ", detour);
+    return ReadLine(terminal.get(), &answer) && (answer.text[0] | 0x20) == 'y';
 }
 
 }  // namespace ctl

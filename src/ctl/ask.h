@@ -23,7 +23,7 @@ void ReadPassword(const Options &options, Secret *password);
 // Reads the new one, from the terminal twice.
 void ReadNewPassword(const Options &options, Secret *password);
 
-// Asks on the terminal whether a host may be met half-way; no without one.
-bool Confirm(const char *host, const char *detour);
+// Asks on the terminal whether an interface may be given an address; no without one.
+bool Confirm(const char *detour);
 
 }  // namespace ctl

@@ -1,7 +1,5 @@
 #include "ctl/kirvex_exchange.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -55,22 +53,20 @@ struct Exchange {
 
 static bool IsReplyTo(const Exchange &exchange, const Datagram &reply) {
     const std::span<const uint8_t> packet(reply.data, reply.size);
+    // Sequence number, operation and MAC come back as they were sent.
     return reply.size >= kx::kStatusReplySize &&
            kx::ReadInteger(packet, kx::kIdentifier) == kx::kReplyIdentifier &&
-           kx::ReadInteger(packet, kx::kOperation) ==
-               kx::ReadInteger(exchange.request, kx::kOperation) &&
-           kx::ReadInteger(packet, kx::kSequenceNumber) ==
-               kx::ReadInteger(exchange.request, kx::kSequenceNumber) &&
-           memcmp(packet.data() + kx::kMac.offset, exchange.unit.mac, kx::kMac.size) == 0;
+           memcmp(packet.data() + kx::kSequenceNumber.offset,
+                  exchange.request.data() + kx::kSequenceNumber.offset,
+                  kx::kMac.end() - kx::kSequenceNumber.offset) == 0;
 }
 
 static bool Send(const Exchange &exchange, std::span<const uint8_t> packet) {
     const bool sent =
         SendUdp(exchange.sock.get(), exchange.unit.ip, kx::kPort, packet.data(), packet.size());
     if (exchange.way.verbose || !sent) {
-        fprintf(stderr, "tqctl: operation 0x%02X to %s: %s\n",
-                kx::ReadInteger(packet, kx::kOperation), ToText(exchange.unit.ip).text,
-                sent ? "sent" : strerror(errno));
+        __extension__ Say(sent ? "operation 0x%02X to %s" : "operation 0x%02X to %s: %m",
+                          kx::ReadInteger(packet, kx::kOperation), ToText(exchange.unit.ip).text);
     }
     return sent;
 }

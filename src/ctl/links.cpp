@@ -5,8 +5,6 @@
 #include <linux/if_packet.h>
 #include <sys/socket.h>
 
-#include <bit>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -25,8 +23,9 @@ struct FreeInterfaces {
 
 AddressText ToText(Address address, const char *none) {
     AddressText out;
-    CopyText(out.text, none);
-    if (address != 0) {
+    if (address == 0 && none) {
+        CopyText(out.text, none);
+    } else {
         snprintf(out.text, sizeof out.text, "%u.%u.%u.%u", address >> 24, address >> 16 & 255,
                  address >> 8 & 255, address & 255);
     }
@@ -35,6 +34,12 @@ AddressText ToText(Address address, const char *none) {
 
 kx::MacText ToText(const uint8_t (&mac)[ETH_ALEN]) {
     return kx::ReadMac(mac, {0, ETH_ALEN});
+}
+
+Address ReadNetworkOrder(const uint8_t *bytes) {
+    in_addr address;
+    memcpy(&address, bytes, sizeof address);
+    return ntohl(address.s_addr);
 }
 
 bool ReadAddress(const char *text, Address *address) {
@@ -46,13 +51,24 @@ bool ReadAddress(const char *text, Address *address) {
     return true;
 }
 
+Address ReadOption(const char *what, const char *text) {
+    Address address = 0;
+    if (text && (!ReadAddress(text, &address) || address == 0)) {
+        Fail(kUsage, "the %s '%s' is no address", what, text);
+    }
+    return address;
+}
+
 Address MaskOf(int prefix) {
     return prefix == 0 ? 0 : ~Address{0} << (32 - prefix);
 }
 
 int PrefixOf(Address mask) {
-    const int prefix = std::popcount(mask);
-    return MaskOf(prefix) == mask ? prefix : -1;
+    int prefix = 32;
+    while (prefix >= 0 && MaskOf(prefix) != mask) {
+        --prefix;
+    }
+    return prefix;
 }
 
 bool Link::Fits(Address address) const {
@@ -136,8 +152,8 @@ static void AddAddress(const ifaddrs &interface, Links *links) {
 }
 
 static bool IsThere(const Links &links, const char *name) {
-    for (int i = 0; i < links.count; ++i) {
-        if (strcmp(links.link[i].name, name) == 0) {
+    for (const Link &link : links) {
+        if (strcmp(link.name, name) == 0) {
             return true;
         }
     }
@@ -147,7 +163,7 @@ static bool IsThere(const Links &links, const char *name) {
 void FindLinks(const Options &options, Links *links) {
     ifaddrs *list = nullptr;
     if (getifaddrs(&list) == -1) {
-        Fail(kNoRight, "can't list this machine's interfaces: %s", strerror(errno));
+        __extension__ Fail(kNoRight, "can't list this machine's interfaces: %m");
     }
     const std::unique_ptr<ifaddrs, FreeInterfaces> owner(list);
     // All interfaces come before the first address.
@@ -163,14 +179,14 @@ void FindLinks(const Options &options, Links *links) {
     }
     for (int i = 0; i < options.interfaceCount; ++i) {
         if (!IsThere(*links, options.interfaces[i])) {
-            Fail(kUsage, "there is no Ethernet interface %s here; 'ip link' lists them",
+            Fail(kUsage, "no Ethernet interface %s here; 'ip link' lists them",
                  options.interfaces[i]);
         }
     }
     if (links->count == 0) {
         Fail(kNoRight,
-             "no interface is up and can broadcast: plug the cable in, or set one up with 'ip link "
-             "set eth0 up'");
+             "no interface is up and can broadcast: plug in the cable, or try 'ip link set eth0 "
+             "up'");
     }
 }
 

@@ -19,13 +19,19 @@ inline constexpr int kMostAddresses = 8;
 
 using kx::AddressText;
 
-// `none` (at most 15 characters) stands for no address.
-AddressText ToText(Address address, const char *none = "0.0.0.0");
+// `none` (at most 15 characters) stands for no address; null is as good as "0.0.0.0".
+AddressText ToText(Address address, const char *none = nullptr);
 
 kx::MacText ToText(const uint8_t (&mac)[ETH_ALEN]);
 
+// Reads four bytes in network order.
+Address ReadNetworkOrder(const uint8_t *bytes);
+
 // Reads exactly four decimal numbers with dots. Returns false for anything else.
 bool ReadAddress(const char *text, Address *address);
+
+// The address that was given with an option; 0 without one. Ends the program for what is none.
+Address ReadOption(const char *what, const char *text);
 
 // The netmask of a prefix length from 0 to 32, and back: -1 for a mask with holes.
 Address MaskOf(int prefix);
@@ -51,6 +57,9 @@ struct Link {
 struct Links {
     Link link[kMostLinks];
     int count = 0;
+
+    const Link *begin() const { return link; }
+    const Link *end() const { return link + count; }
 
     // The number in `link` of the interface with a kernel's number; -1 for one that is not used.
     int Find(int index) const;

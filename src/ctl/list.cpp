@@ -1,11 +1,9 @@
 #include "ctl/list.h"
 
 #include <strings.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "common/socket.h"
@@ -21,20 +19,19 @@ static constexpr Milliseconds kViaPatience = 60000;
 // Who has not been heard for so many seconds in a row, asked twice in each, is gone.
 static constexpr int kMissesUntilGone = 4;
 
-static size_t TerminalColumns(FILE *out) {
-    winsize size{};
-    return ioctl(fileno(out), TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;  // as only terminals do
-}
-
-static bool IsWanted(const Unit &unit, const Options &options) {
-    return !options.project || strcasecmp(unit.info.proj, options.project) == 0;
+// Drops the units of other projects than the one that was asked for.
+static void KeepWanted(Session &session) {
+    const char *project = session.options.project;
+    session.survey.units().Keep([project](const Unit &unit) {
+        return !project || strcasecmp(unit.info.proj, project) == 0;
+    });
 }
 
 static void PrintLine(Session &session, const Unit &unit) {
     if (session.options.format) {
-        PrintFormat(session.out, session.options.format, unit);
+        PrintFormat(session.options.format, unit);
     } else {
-        PrintPlain(session.out, unit);
+        PrintPlain(unit);
     }
 }
 
@@ -42,14 +39,14 @@ static void PrintUnits(Session &session) {
     const Options &options = session.options;
     UnitList &units = session.survey.units();
     if (options.json) {
-        PrintJson(session.out, session.survey, units.data(), units.count(), nullptr);
+        PrintJson(session.survey, units.begin(), units.count(), nullptr);
     } else if (options.plain || options.format) {
-        for (int i = 0; i < units.count(); ++i) {
-            PrintLine(session, units[i]);
+        for (const Unit &unit : units) {
+            PrintLine(session, unit);
         }
     } else {
         if (units.count() > 0) {
-            PrintTable(session.out, session.survey, TerminalColumns(session.out));
+            PrintTable(session.survey);
         }
         session.Flush();
         ExplainMarks(session.survey);
@@ -58,9 +55,9 @@ static void PrintUnits(Session &session) {
 
 static void PrintEvent(Session &session, char sign, const char *event, const Unit &unit) {
     if (session.options.json) {
-        PrintJson(session.out, session.survey, &unit, 1, event);
+        PrintJson(session.survey, &unit, 1, event);
     } else {
-        fprintf(session.out, "%c\t", sign);
+        printf("%c\t", sign);
         PrintLine(session, unit);
     }
 }
@@ -68,28 +65,26 @@ static void PrintEvent(Session &session, char sign, const char *event, const Uni
 // Compares what was known with what is heard now; `misses` counts for each known unit how often in
 // a row it was not.
 static void PrintChanges(Session &session, UnitList &known) {
-    UnitList &heard = session.survey.units();
-    for (int i = 0; i < heard.count(); ++i) {
-        if (!IsWanted(heard[i], session.options)) {
-            continue;
-        }
-        const Unit *before = known.Find(heard[i]);
+    KeepWanted(session);
+    for (const Unit &heard : session.survey.units()) {
+        const Unit *before = known.Find(heard);
         if (!before) {
-            PrintEvent(session, '+', "appeared", heard[i]);
-        } else if (memcmp(&before->info, &heard[i].info, sizeof before->info) != 0) {
-            PrintEvent(session, '~', "changed", heard[i]);
+            PrintEvent(session, '+', "appeared", heard);
+        } else if (memcmp(&before->info, &heard.info, sizeof before->info) != 0) {
+            PrintEvent(session, '~', "changed", heard);
         }
         // From here on the count is of rounds without an answer.
-        if (Unit *taken = known.Take(heard[i])) {
+        if (Unit *taken = known.Take(heard)) {
             taken->heard = 0;
         }
     }
-    for (int i = known.count() - 1; i >= 0; --i) {
-        if (++known[i].heard > kMissesUntilGone) {
-            PrintEvent(session, '-', "gone", known[i]);
-            known.Drop(i);
+    known.Keep([&](Unit &unit) {
+        if (++unit.heard <= kMissesUntilGone) {
+            return true;
         }
-    }
+        PrintEvent(session, '-', "gone", unit);
+        return false;
+    });
 }
 
 // Until a signal, or nobody reads any more.
@@ -102,12 +97,7 @@ static void PrintChanges(Session &session, UnitList &known) {
     }
 }
 
-static int ConnectTo(const char *address) {
-    Address ip;
-    if (!ReadAddress(address, &ip)) {
-        errno = EINVAL;
-        return -1;
-    }
+static int ConnectTo(Address ip) {
     const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in peer = InternetAddress(htonl(ip), TQ_SERVER_PORT);
     const timeval limit{10, 0};
@@ -120,7 +110,7 @@ static size_t ReadAll(int sock, char *data, size_t size) {
     const Stopwatch watch;
     size_t used = 0;
     while (used < size && watch.AwaitInput(sock, kViaPatience)) {
-        const ssize_t length = recv(sock, data + used, size - used, 0);
+        const ssize_t length = read(sock, data + used, size - used);
         if (length <= 0) {
             break;
         }
@@ -138,20 +128,21 @@ static void TakeTold(Unit &unit, void *context) {
 static void AskVia(Session &session) {
     const char *via = session.options.via;
     FindLinks(session.options, &session.links);  // which addresses would fit here
-    const UniqueFd sock(ConnectTo(via));
+    const UniqueFd sock(ConnectTo(ReadOption("unit", via)));
     if (!sock) {
-        Fail(kNoUnit,
-             "can't reach %s, TCP port %d: %s. Is it the address of a native unit, and does every "
-             "firewall between let that port through?",
-             via, TQ_SERVER_PORT, strerror(errno));
+        __extension__ Fail(
+            kNoUnit,
+            "can't reach %s, TCP port %d: %m. Is it a native unit's address, and does every "
+            "firewall let that port through?",
+            via, TQ_SERVER_PORT);
     }
     // A server wants all fields, and reads none of them.
     char text[] = "Moravelle,02,-,-,-,0.0.0.0,0,0.0.0.0,-,-,00:00:00:00:00:00,-,-";
     char request[Base64TextSize(sizeof text)];
     discovery::EncodeTexts(text, request);
     const HeapBlock<char> list = ZeroedBlock(kLongestList);
-    if (!list || send(sock.get(), request, sizeof request, MSG_NOSIGNAL) == -1) {
-        Fail(kFailed, "can't ask %s: %s", via, strerror(errno));
+    if (!list || sendto(sock.get(), request, sizeof request, MSG_NOSIGNAL, nullptr, 0) == -1) {
+        __extension__ Fail(kFailed, "can't ask %s: %m", via);
     }
     const size_t length = ReadAll(sock.get(), list.get(), kLongestList);
     ReadPackage(list.get(), length, TakeTold, &session);
@@ -173,11 +164,7 @@ void List(Session &session) {
     }
     UnitList &units = session.survey.units();
     const int heard = units.count();
-    for (int i = heard - 1; i >= 0; --i) {
-        if (!IsWanted(units[i], options)) {
-            units.Drop(i);
-        }
-    }
+    KeepWanted(session);
     PrintUnits(session);
     session.Flush();
     if (units.count() == 0 && heard > 0) {
@@ -195,9 +182,9 @@ void List(Session &session) {
 void Show(Session &session) {
     session.SelectUnit();
     if (session.options.json) {
-        PrintJson(session.out, session.survey, &session.unit, 1, nullptr);
+        PrintJson(session.survey, &session.unit, 1, nullptr);
     } else {
-        PrintUnit(session.out, session.unit);
+        PrintUnit(session.unit);
     }
 }
 

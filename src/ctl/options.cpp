@@ -2,7 +2,6 @@
 
 #include <getopt.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,106 +21,133 @@ enum Where {
     kWithAccount = kInSet | kInCheck | kInPassword,
     kWithUnit = kInShow | kWithAccount,
     kEverywhere = kInList | kWithUnit | 1 << static_cast<int>(Command::kNone),
+    kTakesValue = 1 << 7,
 };
 
-enum class Kind : uint8_t { kFlag, kText, kTime, kInterface };
-
+// Names stand before their help, with a zero byte between.
 struct OptionInfo {
-    char name[18];
+    const char *name;
+    const char *Options::*value;
     char letter;  // 0: none
     uint8_t where;
-    Kind kind;
-    uint16_t offset;  // of what it sets in Options
-    const char *help;
-};
-
-struct CommandInfo {
-    char name[16];
-    const char *help;
 };
 
 }  // namespace
 
 static constexpr OptionInfo kOptions[] = {
-    {"address", 0, kInSet, Kind::kText, offsetof(Options, address), "A/PREFIX  a fixed address"},
-    {"gateway", 0, kInSet, Kind::kText, offsetof(Options, gateway), "G  none without it"},
-    {"dns", 0, kInSet, Kind::kText, offsetof(Options, dns), "D  name server (the one it has)"},
-    {"dhcp", 0, kInSet, Kind::kFlag, offsetof(Options, dhcp), "ask a DHCP server instead"},
-    {"dry-run", 0, kInSet, Kind::kFlag, offsetof(Options, dryRun),
-     "show what would be sent and what would be refused; send nothing"},
-    {"project", 'F', kInList, Kind::kText, offsetof(Options, project),
-     "NAME  units of this project only, letter case ignored"},
-    {"json", 0, kInList | kInShow, Kind::kFlag, offsetof(Options, json),
-     "one object: version, units, silent"},
-    {"plain", 0, kInList, Kind::kFlag, offsetof(Options, plain),
-     "a line for each unit, columns separated by tabs"},
-    {"format", 0, kInList, Kind::kText, offsetof(Options, format),
-     "TEXT  a line for each unit; ${ip}, ${mac}, ${name}, ... stand for what it says"},
-    {"watch", 0, kInList, Kind::kFlag, offsetof(Options, watch),
-     "go on, and print who comes, goes and changes"},
-    {"via", 0, kInList, Kind::kText, offsetof(Options, via),
-     "ADDRESS  have that unit list its own LAN, through any router"},
-    {"yes", 0, kWithUnit, Kind::kFlag, offsetof(Options, yes),
-     "use a temporary address without asking, where one is needed"},
-    {"wait", 0, kWithAccount, Kind::kTime, offsetof(Options, wait),
-     "SECONDS  how long to wait for the unit (20)"},
-    {"account", 0, kWithAccount, Kind::kText, offsetof(Options, account),
-     "NAME  of a KIRVEX unit's administrator (admin)"},
-    {"password-file", 0, kWithAccount, Kind::kText, offsetof(Options, passwordFile),
-     "FILE  its first line is the password"},
-    {"new-password-file", 0, kInPassword, Kind::kText, offsetof(Options, newPasswordFile),
-     "FILE  the same for the new one"},
-    {"password-stdin", 0, kWithAccount, Kind::kFlag, offsetof(Options, passwordStdin),
-     "read passwords from standard input, a line each"},
-    {"interface", 'i', kEverywhere, Kind::kInterface, 0,
-     "IF  only this one (all that are up and can broadcast)"},
-    {"time", 't', kEverywhere, Kind::kTime, offsetof(Options, time),
-     "SECONDS  how long to listen (until nobody new answers, 1.6 to 5)"},
-    {"verbose", 'v', kEverywhere, Kind::kFlag, offsetof(Options, verbose),
-     "show on standard error what is sent and what can't be read"},
-    {"help", 0, kEverywhere, Kind::kFlag, offsetof(Options, help), "also: COMMAND --help"},
-    {"version", 0, kEverywhere, Kind::kFlag, offsetof(Options, version), "print it"},
+    {"address\0"
+     "A/PREFIX  a fixed address",
+     &Options::address, 0, kInSet | kTakesValue},
+    {"gateway\0"
+     "G  none without it",
+     &Options::gateway, 0, kInSet | kTakesValue},
+    {"dns\0"
+     "D  name server (the one it has)",
+     &Options::dns, 0, kInSet | kTakesValue},
+    {"dhcp\0"
+     "ask a DHCP server instead",
+     &Options::dhcp, 0, kInSet},
+    {"dry-run\0"
+     "show what would be sent or refused; send nothing",
+     &Options::dryRun, 0, kInSet},
+    {"project\0"
+     "NAME  units of this project only, letter case ignored",
+     &Options::project, 'F', kInList | kTakesValue},
+    {"json\0"
+     "one object: version, units, silent",
+     &Options::json, 0, kInList | kInShow},
+    {"plain\0"
+     "a line for each unit, with tabs",
+     &Options::plain, 0, kInList},
+    {"format\0"
+     "TEXT  a line for each unit, with ${ip}, ${mac}, ... replaced",
+     &Options::format, 0, kInList | kTakesValue},
+    {"watch\0"
+     "go on, and print who comes, goes and changes",
+     &Options::watch, 0, kInList},
+    {"via\0"
+     "ADDRESS  the LAN of that unit, through any router",
+     &Options::via, 0, kInList | kTakesValue},
+    {"yes\0"
+     "use a temporary address without asking",
+     &Options::yes, 0, kWithUnit},
+    {"wait\0"
+     "SECONDS  how long to wait for the unit (20)",
+     &Options::wait, 0, kWithAccount | kTakesValue},
+    {"account\0"
+     "NAME  of a KIRVEX unit's administrator (admin)",
+     &Options::account, 0, kWithAccount | kTakesValue},
+    {"password-file\0"
+     "FILE  its first line is the password",
+     &Options::passwordFile, 0, kWithAccount | kTakesValue},
+    {"new-password-file\0"
+     "FILE  the same for the new one",
+     &Options::newPasswordFile, 0, kInPassword | kTakesValue},
+    {"password-stdin\0"
+     "passwords from standard input, a line each",
+     &Options::passwordStdin, 0, kWithAccount},
+    {"interface\0"
+     "IF  only this one (all that are up and can broadcast)",
+     &Options::interface, 'i', kEverywhere | kTakesValue},
+    {"time\0"
+     "SECONDS  how long to listen (until nobody new answers, 1.6 to 5)",
+     &Options::time, 't', kEverywhere | kTakesValue},
+    {"verbose\0"
+     "show what is sent and what can't be read",
+     &Options::verbose, 'v', kEverywhere},
+    {"help\0"
+     "also: COMMAND --help",
+     &Options::help, 0, kEverywhere},
+    {"version\0"
+     "print it",
+     &Options::version, 0, kEverywhere},
 };
 static constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
 
 // In the order of Command.
-static constexpr CommandInfo kCommands[] = {
-    {"list", "\nLists the units of the LAN, sorted by address."},
-    {"show", " UNIT\nShows all that a unit says of itself."},
-    {"set",
-     " UNIT --address A/PREFIX | --dhcp\n"
-     "Gives a unit new network settings and waits until it answers from them."},
-    {"check-password",
-     " UNIT\n"
-     "Asks a KIRVEX unit whether the administrator's password is right. It logs in to do so, which "
-     "may\nend the session of another administrator."},
-    {"password",
-     " UNIT\n"
-     "Changes the administrator's password of a KIRVEX unit: digits, at most 31."},
+static constexpr const char *kCommands[] = {
+    "list\0"
+    "\nLists the units of the LAN, sorted by address.",
+    "show\0"
+    " UNIT\nShows all that a unit says of itself.",
+    "set\0"
+    " UNIT --address A/PREFIX | --dhcp\n"
+    "Gives a unit new network settings and waits until it answers from them.",
+    "check-password\0"
+    " UNIT\n"
+    "Asks a KIRVEX unit whether the administrator's password is right. It logs in, which may end\n"
+    "the session of another administrator.",
+    "password\0"
+    " UNIT\n"
+    "Changes the administrator's password of a KIRVEX unit: digits, at most 31.",
 };
 static constexpr int kCommandCount = sizeof kCommands / sizeof *kCommands;
 static_assert(kCommandCount == static_cast<int>(Command::kNone));
 
 static Command FindCommand(const char *word) {
     int i = 0;
-    while (i < kCommandCount && strcmp(kCommands[i].name, word) != 0) {
+    while (i < kCommandCount && strcmp(kCommands[i], word) != 0) {
         ++i;
     }
     return static_cast<Command>(i);
 }
 
+static const char *HelpBehind(const char *name) {
+    return name + strlen(name) + 1;
+}
+
 // Prints a command's help; that of Command::kNone names them all.
-static void PrintHelp(FILE *out, Command command) {
+static void PrintHelp(Command command) {
     const int chosen = static_cast<int>(command);
     for (int i = 0; i < kCommandCount; ++i) {
         if (i == chosen || chosen == kCommandCount) {
-            fprintf(out, "tqctl [OPTIONS] %s%s\n", kCommands[i].name, kCommands[i].help);
+            printf("tqctl [OPTIONS] %s%s\n", kCommands[i], HelpBehind(kCommands[i]));
         }
     }
     for (const OptionInfo &option : kOptions) {
         if (option.where & 1 << chosen) {
-            fprintf(out, "  %c%c --%-17s %s\n", option.letter ? '-' : ' ',
-                    option.letter ? option.letter : ' ', option.name, option.help);
+            printf("  %c%c --%-17s %s\n", option.letter ? '-' : ' ',
+                   option.letter ? option.letter : ' ', option.name, HelpBehind(option.name));
         }
     }
 }
@@ -143,63 +169,50 @@ static Milliseconds ReadSeconds(const char *text) {
     return static_cast<Milliseconds>(time);
 }
 
-static void TakeOption(const OptionInfo &info, const char *value, Options *options) {
-    char *place = reinterpret_cast<char *>(options) + info.offset;
-    switch (info.kind) {
-        case Kind::kFlag:
-            *reinterpret_cast<bool *>(place) = true;
-            return;
-        case Kind::kText:
-            *reinterpret_cast<const char **>(place) = value;
-            return;
-        case Kind::kTime:
-            *reinterpret_cast<Milliseconds *>(place) = ReadSeconds(value);
-            return;
-        case Kind::kInterface:
-            if (options->interfaceCount == kMostLinks) {
-                Fail(kUsage, "more than %d interfaces", kMostLinks);
-            }
-            options->interfaces[options->interfaceCount++] = value;
+static void TakeInterface(const char *name, Options *options) {
+    if (options->interfaceCount == kMostLinks) {
+        Fail(kUsage, "more than %d interfaces", kMostLinks);
     }
+    options->interfaces[options->interfaceCount++] = name;
 }
 
-// Takes the options. Returns which were given, one bit each.
-static uint32_t TakeOptions(int argc, char **argv, Options *options) {
+static void TakeOptions(int argc, char **argv, Options *options) {
     static constexpr int kFirst = 256;  // behind all letters
     option longs[kOptionCount + 1] = {};
     for (int i = 0; i < kOptionCount; ++i) {
         longs[i].name = kOptions[i].name;
-        longs[i].has_arg = kOptions[i].kind == Kind::kFlag ? no_argument : required_argument;
+        longs[i].has_arg = kOptions[i].where & kTakesValue ? required_argument : no_argument;
         longs[i].val = kFirst + i;
     }
-    uint32_t given = 0;
     for (int which; (which = getopt_long(argc, argv, "i:t:vF:", longs, nullptr)) != -1;) {
         int i = 0;
         while (i < kOptionCount && which != kFirst + i && which != kOptions[i].letter) {
             ++i;
         }
         if (i == kOptionCount) {
-            exit(kUsage);
+            End(kUsage);
         }
-        TakeOption(kOptions[i], optarg, options);
-        given |= 1U << i;
+        const OptionInfo &info = kOptions[i];
+        options->*info.value = optarg ? optarg : info.name;
+        if (info.value == &Options::interface) {
+            TakeInterface(optarg, options);
+        }
     }
-    return given;
 }
 
 // What is wrong with the options together, or null.
 static const char *FindConflict(const Options &options) {
-    if (options.json + options.plain + (options.format != nullptr) > 1) {
+    if (!options.json + !options.plain + !options.format < 2) {
         return "--json, --plain and --format exclude each other";
     }
-    if (options.via && (options.watch || options.interfaceCount > 0)) {
+    if (options.via && (options.watch || options.interface)) {
         return "--via asks one unit once: neither --watch nor -i goes with it";
     }
-    if (options.command == Command::kSet && options.dhcp == (options.address != nullptr)) {
+    if (options.command == Command::kSet && !options.dhcp == !options.address) {
         return "set needs either --address A/PREFIX or --dhcp";
     }
     if (options.dhcp && (options.gateway || options.dns)) {
-        return "with --dhcp the unit gets gateway and name server by DHCP";
+        return "with --dhcp gateway and name server come by DHCP";
     }
     if (options.passwordStdin && (options.passwordFile || options.newPasswordFile)) {
         return "--password-stdin and a password file exclude each other";
@@ -208,19 +221,19 @@ static const char *FindConflict(const Options &options) {
 }
 
 void ReadOptions(int argc, char **argv, Options *options) {
-    const uint32_t given = TakeOptions(argc, argv, options);
+    TakeOptions(argc, argv, options);
     char **words = argv + optind;
     if (options->version) {
-        fputs("tqctl " TQ_VERSION "\n", stdout);
-        exit(kDone);
+        printf("tqctl %s\n", TQ_VERSION);
+        End(kDone);
     }
     options->command = words[0] ? FindCommand(words[0]) : Command::kNone;
-    if (options->help || !words[0]) {
-        PrintHelp(options->help ? stdout : stderr, options->command);
-        exit(options->help ? kDone : kUsage);
+    if (options->help) {
+        PrintHelp(options->command);
+        End(kDone);
     }
     if (options->command == Command::kNone) {
-        Fail(kUsage, "there is no command '%s'; tqctl --help lists them", words[0]);
+        Fail(kUsage, "there is no command '%s'; tqctl --help lists them", words[0] ? words[0] : "");
     }
     // A unit is what all but list want.
     const int wanted = options->command == Command::kList ? 1 : 2;
@@ -230,14 +243,18 @@ void ReadOptions(int argc, char **argv, Options *options) {
              words[0]);
     }
     options->unit = words[1];  // null behind the last word
-    for (int i = 0; i < kOptionCount; ++i) {
-        if (given & 1U << i && !(kOptions[i].where & 1 << static_cast<int>(options->command))) {
-            Fail(kUsage, "%s does not take --%s", words[0], kOptions[i].name);
+    const int where = 1 << static_cast<int>(options->command);
+    for (const OptionInfo &info : kOptions) {
+        if (options->*info.value && (info.where & where) == 0) {
+            Fail(kUsage, "%s does not take --%s", words[0], info.name);
         }
     }
     if (const char *conflict = FindConflict(*options)) {
         Fail(kUsage, "%s", conflict);
     }
+    options->listening = options->time ? ReadSeconds(options->time) : 0;
+    options->patience = ReadSeconds(options->wait ? options->wait : "20");
+    options->account = options->account ? options->account : "admin";
 }
 
 }  // namespace ctl

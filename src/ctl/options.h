@@ -11,35 +11,40 @@ enum class Command { kList, kShow, kSet, kCheckPassword, kPassword, kNone };
 inline constexpr int kMostLinks = 32;
 
 struct Options {
-    const char *unit = nullptr;
+    Command command;
+    const char *unit;
     const char *interfaces[kMostLinks];
-    int interfaceCount = 0;
-    Milliseconds time = 0;  // 0: as long as it takes
-    Milliseconds wait = 20000;
-    Command command = Command::kNone;
-    bool help = false;
-    bool version = false;
-    bool verbose = false;
-    bool json = false;
-    bool plain = false;
-    bool watch = false;
-    bool dhcp = false;
-    bool dryRun = false;
-    bool yes = false;
-    bool passwordStdin = false;
-    const char *format = nullptr;
-    const char *project = nullptr;
-    const char *via = nullptr;
-    const char *address = nullptr;
-    const char *gateway = nullptr;
-    const char *dns = nullptr;
-    const char *account = "admin";
-    const char *passwordFile = nullptr;
-    const char *newPasswordFile = nullptr;
+    int interfaceCount;
+    Milliseconds listening;  // 0: as long as it takes
+    Milliseconds patience;   // with a unit that is to answer
+
+    // What was given with an option, null without it; an option that takes no value has its name.
+    const char *address;
+    const char *gateway;
+    const char *dns;
+    const char *dhcp;
+    const char *dryRun;
+    const char *project;
+    const char *json;
+    const char *plain;
+    const char *format;
+    const char *watch;
+    const char *via;
+    const char *yes;
+    const char *wait;
+    const char *account;
+    const char *passwordFile;
+    const char *newPasswordFile;
+    const char *passwordStdin;
+    const char *interface;  // the last of all
+    const char *time;
+    const char *verbose;
+    const char *help;
+    const char *version;
 };
 
-// Reads the command line. Returns when there is a command to carry out, and not when everything has
-// been said, as for --help and for what can't be understood.
+// Reads the command line into zeroed options. Returns when there is a command to carry out, and not
+// when everything has been said, as for --help and for what can't be understood.
 void ReadOptions(int argc, char **argv, Options *options);
 
 }  // namespace ctl

@@ -1,6 +1,8 @@
 #include "ctl/print.h"
 
-#include <cstdlib>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "common/text.h"
@@ -130,12 +132,12 @@ static const char *Value(const Unit &unit, Key key, NumberText &buffer) {
 }
 
 // The same, fit for a terminal and for one column.
-static void PrintValue(FILE *out, const Unit &unit, Key key) {
+static void PrintValue(const Unit &unit, Key key) {
     NumberText buffer;
     char cell[kCellSize];
     const char *value = Value(unit, key, buffer);
     MakeHarmless(value ? value : "", cell);
-    fputs(cell, out);
+    printf("%s", cell);
 }
 
 // Writes one cell of the table. Notes tell what a person should know beside what the unit says.
@@ -180,52 +182,55 @@ static void Narrow(size_t room, Widths &widths) {
 }
 
 // Measures how wide each column must be, or prints all.
-static void WalkTable(FILE *out, UnitList &units, Widths &widths) {
+static void WalkTable(UnitList &units, bool print, Widths &widths) {
     for (int row = -1; row < units.count(); ++row) {
         for (int column = 0; column < kColumns; ++column) {
             char cell[kCellSize];
             if (row < 0) {
                 CopyText(cell, kTable[column].heading);
             } else {
-                WriteCell(units[row], column, cell);
+                WriteCell(units.begin()[row], column, cell);
             }
             const size_t width = DisplayWidth(cell);
-            if (!out) {
+            if (!print) {
                 widths[column] = width > widths[column] ? width : widths[column];
                 continue;
             }
             // The last column is padded for nobody.
             const bool last = column == kColumns - 1;
-            PrintCell(out, cell, last && width <= widths[column] ? 0 : widths[column]);
-            fputs(last ? "\n" : "  ", out);
+            PrintCell(cell, last && width <= widths[column] ? 0 : widths[column]);
+            printf(last ? "\n" : "  ");
         }
     }
 }
 
-void PrintTable(FILE *out, Survey &survey, size_t columns) {
+void PrintTable(Survey &survey) {
     Widths widths = {};
-    WalkTable(nullptr, survey.units(), widths);
+    WalkTable(survey.units(), false, widths);
+    const int columns = TerminalColumns(STDOUT_FILENO);
     if (columns > 0) {
-        Narrow(columns, widths);
+        Narrow(static_cast<size_t>(columns), widths);
     }
-    WalkTable(out, survey.units(), widths);
+    WalkTable(survey.units(), true, widths);
 }
 
-void PrintPlain(FILE *out, const Unit &unit) {
+void PrintPlain(const Unit &unit) {
     for (const Key key : {kName, kModel, kProject, kIp, kPrefix, kGateway, kMac, kPort, kNote,
                           kProtocol, kInterface}) {
-        PrintValue(out, unit, key);
-        fputc('\t', out);
+        PrintValue(unit, key);
+        putchar('\t');
     }
-    const char *const marks[] = {unit.fits == 1 ? "" : ",foreign",
-                                 unit.IsHeardOnce() ? ",once" : "",
-                                 unit.IsWhole() ? "" : ",fields"};
-    int used = 0;
+    const char *const marks[] = {unit.fits == 1 ? nullptr : "foreign",
+                                 unit.IsHeardOnce() ? "once" : nullptr,
+                                 unit.IsWhole() ? nullptr : "fields"};
+    const char *separator = "";
     for (const char *mark : marks) {
-        fputs(used == 0 && *mark != '\0' ? mark + 1 : mark, out);
-        used += *mark;
+        if (mark) {
+            printf("%s%s", separator, mark);
+            separator = ",";
+        }
     }
-    fputc('\n', out);
+    putchar('\n');
 }
 
 // The key that `name` begins with up to a "}", or kKeyCount.
@@ -240,138 +245,137 @@ static Key FindKey(const char *name) {
     return static_cast<Key>(i);
 }
 
+static bool IsKeyAt(const char *at) {
+    return at[0] == '$' && at[1] == '{';
+}
+
 void CheckFormat(const char *format) {
-    for (const char *at = strstr(format, "${"); at; at = strstr(at + 2, "${")) {
-        if (FindKey(at + 2) == kKeyCount) {
-            fprintf(stderr, "tqctl: --format has no %.*s; it has",
-                    static_cast<int>(strcspn(at, "}") + 1), at);
+    for (const char *at = format; *at != '\0'; ++at) {
+        if (IsKeyAt(at) && FindKey(at + 2) == kKeyCount) {
             for (const KeyInfo &info : kKeys) {
-                fprintf(stderr, " ${%s}", info.name);
+                Say("${%s}", info.name);
             }
-            fputc('\n', stderr);
-            exit(kUsage);
+            Fail(kUsage, "--format has no %.*s, but the above",
+                 static_cast<int>(strcspn(at, "}") + 1), at);
         }
     }
 }
 
-void PrintFormat(FILE *out, const char *format, const Unit &unit) {
+void PrintFormat(const char *format, const Unit &unit) {
     static constexpr char kEscapes[] = "tn\\";
     static constexpr char kMeanings[] = "\t\n\\";
     for (const char *at = format; *at != '\0'; ++at) {
         const char *escape = *at == '\\' && at[1] != '\0' ? strchr(kEscapes, at[1]) : nullptr;
-        if (escape) {
-            fputc(kMeanings[escape - kEscapes], out);
-            ++at;
-        } else if (at[0] == '$' && at[1] == '{') {
-            PrintValue(out, unit, FindKey(at + 2));
+        if (IsKeyAt(at)) {
+            PrintValue(unit, FindKey(at + 2));
             at = strchr(at, '}');
-        } else {
-            fputc(*at, out);
+            continue;
         }
+        putchar(escape ? kMeanings[escape - kEscapes] : *at);
+        at += escape ? 1 : 0;
     }
-    fputc('\n', out);
+    putchar('\n');
 }
 
 // A list of addresses separated by blanks; null is an empty one.
-static void PrintJsonList(FILE *out, const char *value) {
-    char separator = '[';
+static void PrintJsonList(const char *value) {
     char item[sizeof Unit::nameServers];
-    for (; value; value = strchr(value, ' ')) {
-        value += *value == ' ' ? 1 : 0;
-        fputc(separator, out);
-        separator = ',';
+    putchar('[');
+    for (const char *next; value; value = next) {
+        next = strchr(value, ' ');
         CopyText(item, value);
         item[strcspn(item, " ")] = '\0';
-        PrintJsonString(out, item);
+        PrintJsonString(item);
+        if (next) {
+            putchar(',');
+            ++next;
+        }
     }
-    fputs(separator == '[' ? "[]" : "]", out);
+    putchar(']');
 }
 
-static void PrintJsonUnit(FILE *out, const Unit &unit) {
+static void PrintJsonUnit(const Unit &unit) {
     for (int i = 0; i < kKeyCount; ++i) {
         NumberText buffer;
         const char *value = Value(unit, static_cast<Key>(i), buffer);
-        fprintf(out, "%c\"%s\":", i == 0 ? '{' : ',', kKeys[i].name);
+        printf("%c\"%s\":", i == 0 ? '{' : ',', kKeys[i].name);
         if (kKeys[i].kind == Kind::kAddresses) {
-            PrintJsonList(out, value);
+            PrintJsonList(value);
         } else if (!value || kKeys[i].kind >= Kind::kPort) {
-            fputs(value ? value : "null", out);
+            printf("%s", value ? value : "null");
         } else {
-            PrintJsonString(out, value);
+            PrintJsonString(value);
         }
     }
-    fputc('}', out);
+    putchar('}');
 }
 
-void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, const char *event) {
-    fputs("{\"version\":1,", out);
+static const char *Separator(int number) {
+    return number == 0 ? "" : ",\n";
+}
+
+void PrintJson(const Survey &survey, const Unit *units, int count, const char *event) {
+    printf("{\"version\":1,");
     if (event) {
-        fprintf(out, "\"event\":\"%s\",", event);
+        printf("\"event\":\"%s\",", event);
     }
-    fputs("\"units\":[", out);
-    const char *const line = event ? "" : "\n";
+    printf("\"units\":[");
     for (int i = 0; i < count; ++i) {
-        fprintf(out, "%s%s", i == 0 ? "" : ",", line);
-        PrintJsonUnit(out, units[i]);
+        printf("%s", Separator(i));
+        PrintJsonUnit(units[i]);
     }
-    fprintf(out, "%s]", line);
     if (!event) {
-        fputs(",\"silent\":[", out);
-        for (int i = 0; i < survey.silentCount(); ++i) {
-            const Silent &silent = survey.silent()[i];
+        printf("],\"silent\":[");
+        int number = 0;
+        for (const Silent &silent : survey.silent()) {
             const char *const quote = silent.gateway != 0 ? "\"" : "";
-            fprintf(out,
-                    "%s\n{\"ip\":\"%s\",\"gateway\":%s%s%s,\"mac\":\"%s\",\"interface\":\"%s\"}",
-                    i == 0 ? "" : ",", ToText(silent.address).text, quote,
-                    ToText(silent.gateway, "null").text, quote, ToText(silent.mac).text,
-                    survey.links().link[silent.link].name);
+            printf("%s{\"ip\":\"%s\",\"gateway\":%s%s%s,\"mac\":\"%s\",\"interface\":\"%s\"}",
+                   Separator(number++), ToText(silent.address).text, quote,
+                   ToText(silent.gateway, "null").text, quote, ToText(silent.mac).text,
+                   silent.link->name);
         }
-        fputc(']', out);
     }
-    fputs("}\n", out);
+    printf("]}");
+    putchar('\n');
 }
 
-void PrintUnit(FILE *out, const Unit &unit) {
+void PrintUnit(const Unit &unit) {
     for (int i = 0; i < kKeyCount; ++i) {
         NumberText buffer;
         if (Value(unit, static_cast<Key>(i), buffer)) {
-            fprintf(out, "%-10s ", kKeys[i].name);
-            PrintValue(out, unit, static_cast<Key>(i));
-            fputc('\n', out);
+            printf("%-10s ", kKeys[i].name);
+            PrintValue(unit, static_cast<Key>(i));
+            putchar('\n');
         }
     }
 }
 
-void PrintSettings(FILE *out, Address ip, int prefix, Address gateway, Address dns) {
-    fprintf(out, "%s/%d, gateway %s, name server %s\n", ToText(ip).text, prefix,
-            ToText(gateway, "none").text, ToText(dns, "none").text);
+SettingsText DescribeSettings(Address ip, int prefix, Address gateway, Address dns) {
+    SettingsText out;
+    snprintf(out.text, sizeof out.text, "%s/%d, gateway %s, name server %s", ToText(ip).text,
+             prefix, ToText(gateway, "none").text, ToText(dns, "none").text);
+    return out;
 }
 
 void ExplainMarks(Survey &survey) {
     bool foreign = false;
     bool partial = false;
-    for (int i = 0; i < survey.units().count(); ++i) {
-        const Unit &unit = survey.units()[i];
+    for (const Unit &unit : survey.units()) {
         foreign |= unit.fits == 0;
         partial |= !unit.IsWhole();
     }
     if (foreign) {
-        fputs("* not in this machine's subnets\n", stderr);
+        Say("* not in this machine's subnets");
     }
     if (partial) {
-        fputs(
-            "An answer has eleven fields: a comma in one of its texts makes more, an empty one "
-            "makes fewer.\n",
-            stderr);
+        Say("A whole answer has 11 fields: a comma in a text makes more, an empty text fewer");
     }
-    for (int i = 0; i < survey.silentCount(); ++i) {
-        const Silent &silent = survey.silent()[i];
+    for (const Silent &silent : survey.silent()) {
         const AddressText address = ToText(silent.address);
-        fprintf(stderr,
-                "%s (%s) on %s can't answer, its gateway is %s: it may be a KIRVEX unit\n"
-                "  tqctl show %s\n",
-                address.text, ToText(silent.mac).text, survey.links().link[silent.link].name,
-                ToText(silent.gateway, "none").text, address.text);
+        Say("%s (%s) on %s can't answer, its gateway is %s: it may be a KIRVEX unit\n"
+            "  tqctl show %s",
+            address.text, ToText(silent.mac).text, silent.link->name,
+            ToText(silent.gateway, "none").text, address.text);
     }
 }
 

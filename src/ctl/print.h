@@ -1,32 +1,33 @@
 // What tqctl prints of units, for people and for scripts.
 #pragma once
 
-#include <cstdio>
-
 #include "ctl/survey.h"
 
 namespace ctl {
 
-// A table with a heading. On a terminal of `columns` columns (0: no terminal) long texts are cut.
-void PrintTable(FILE *out, Survey &survey, size_t columns);
+// A table with a heading. On a terminal long texts are cut.
+void PrintTable(Survey &survey);
 
 // One line for a unit, its columns separated by tabs: name, model, project, ip, prefix, gateway,
 // mac, port, note, protocol, interface, marks.
-void PrintPlain(FILE *out, const Unit &unit);
+void PrintPlain(const Unit &unit);
 
 // One line for a unit, made from a text in which ${key} stands for a value and \t, \n and \\ for
 // what they usually do. CheckFormat ends the program when there is another key in it.
 void CheckFormat(const char *format);
-void PrintFormat(FILE *out, const char *format, const Unit &unit);
+void PrintFormat(const char *format, const Unit &unit);
 
 // One JSON object with all units. `event` may be null.
-void PrintJson(FILE *out, const Survey &survey, const Unit *units, int count, const char *event);
+void PrintJson(const Survey &survey, const Unit *units, int count, const char *event);
 
 // All that a unit says, one line for each value.
-void PrintUnit(FILE *out, const Unit &unit);
+void PrintUnit(const Unit &unit);
 
-// Settings in a few words, and a line end.
-void PrintSettings(FILE *out, Address ip, int prefix, Address gateway, Address dns);
+// Settings in a few words.
+struct SettingsText {
+    char text[96];
+};
+SettingsText DescribeSettings(Address ip, int prefix, Address gateway, Address dns);
 
 // Says on standard error what the marks of a list mean, and who did not answer.
 void ExplainMarks(Survey &survey);

@@ -1,7 +1,6 @@
 #include "ctl/session.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 
 #include "ctl/arp.h"
@@ -15,12 +14,12 @@ namespace ctl {
 void Session::Start() {
     FindLinks(options, &links);
     survey.Open();
-    survey.Discover(options.time);
+    survey.Discover(options.listening);
 }
 
 void Session::Flush() {
-    if (fflush(out) != 0 || ferror(out)) {
-        Fail(kFailed, "can't print: %s", strerror(errno));
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        __extension__ Fail(kFailed, "can't print: %m");
     }
 }
 
@@ -35,25 +34,24 @@ static bool IsCalled(const Unit &unit, const char *name) {
 // Stores the one unit that is called so. Returns false when there is none.
 bool Session::Choose() {
     int count = 0;
-    for (int i = 0; i < survey.units().count(); ++i) {
-        if (IsCalled(survey.units()[i], options.unit)) {
-            unit = survey.units()[i];
+    for (const Unit &candidate : survey.units()) {
+        if (IsCalled(candidate, options.unit)) {
+            unit = candidate;
             ++count;
         }
     }
     if (count < 2) {
         return count == 1;
     }
-    Complain("'%s' is %d units; say which by its MAC address:", options.unit, count);
-    for (int i = 0; i < survey.units().count(); ++i) {
-        const Unit &candidate = survey.units()[i];
+    Say("tqctl: '%s' is %d units; say which by its MAC address:", options.unit, count);
+    for (const Unit &candidate : survey.units()) {
         if (IsCalled(candidate, options.unit)) {
             char name[kCellSize];
             MakeHarmless(candidate.info.name, name);
-            fprintf(stderr, "  %s  %s  %s\n", candidate.info.mac, ToText(candidate.ip).text, name);
+            Say("  %s  %s  %s", candidate.info.mac, ToText(candidate.ip).text, name);
         }
     }
-    exit(kSeveral);
+    End(kSeveral);
 }
 
 // The longest prefix, of 24 at most, whose subnet holds both addresses. A unit that can't answer
@@ -83,25 +81,26 @@ static Address FindNeighbour(const Link &link, Address address, Address gateway)
 
 // Becomes a neighbour of a host that can't answer, and searches again.
 void Session::Approach(const Silent &silent) {
-    const Link &at = links.link[silent.link];
+    const Link &at = *silent.link;
     const AddressText text = ToText(silent.address);
     const Address gateway = silent.gateway;
     const Address neighbour = FindNeighbour(at, silent.address, gateway);
     if (neighbour == 0) {
-        Fail(kNoRight, "found no free address next to %s on %s", text.text, at.name);
+        Fail(kNoRight, "no free address next to %s on %s", text.text, at.name);
     }
     const int prefix = CommonPrefix(silent.address, gateway != 0 ? gateway : silent.address);
     char detour[80];
     snprintf(detour, sizeof detour, "%s the address %s/%d for the length of this command", at.name,
              ToText(neighbour).text, prefix);
-    if (!options.yes && !Confirm(text.text, detour)) {
-        Fail(kUsage, "%s can answer only its own subnet. --yes gives %s", text.text, detour);
+    Say("%s can answer only its own subnet", text.text);
+    if (!options.yes && !Confirm(detour)) {
+        Fail(kUsage, "--yes gives %s", detour);
     }
     AddTemporaryAddress(at, neighbour, prefix);
     source = neighbour;
-    fprintf(stderr, "gave %s\n", detour);
-    survey.SearchFrom(silent.link, neighbour);
-    survey.Discover(options.time);
+    Say("gave %s", detour);
+    survey.SearchFrom(at, neighbour);
+    survey.Discover(options.listening);
 }
 
 // Where the host is that the command names and that has not answered: it asks for its gateway in
@@ -111,16 +110,16 @@ bool Session::FindSilent(Silent *found) const {
     Address address = 0;
     const bool isMac = ReadMac(options.unit, mac);
     ReadAddress(options.unit, &address);
-    for (int i = 0; i < survey.silentCount(); ++i) {
-        *found = survey.silent()[i];
+    for (const Silent &silent : survey.silent()) {
+        *found = silent;
         if (found->address == address || (isMac && memcmp(mac, found->mac, sizeof mac) == 0)) {
             return true;
         }
     }
-    for (int i = 0; i < links.count && address != 0; ++i) {
-        *found = {address, 0, {}, i};
-        if (!links.link[i].Fits(address) &&
-            FindHolder(links.link[i], address, found->mac) == Holder::kSomebody) {
+    for (const Link &at : links) {
+        *found = {address, 0, {}, &at};
+        if (address != 0 && !at.Fits(address) &&
+            FindHolder(at, address, found->mac) == Holder::kSomebody) {
             return true;
         }
     }
@@ -141,9 +140,9 @@ void Session::SelectUnit() {
     }
     char name[kCellSize];
     MakeHarmless(options.unit, name);
-    Complain("no unit '%s' among %d heard. %s", name, survey.units().count(), kLikeliest);
+    Say("tqctl: no unit '%s' among %d heard. %s", name, survey.units().count(), kLikeliest);
     ExplainMarks(survey);
-    exit(kNoUnit);
+    End(kNoUnit);
 }
 
 }  // namespace ctl

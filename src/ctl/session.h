@@ -1,8 +1,6 @@
 // One run of tqctl: the links, what is heard on them, and the unit that a command is about.
 #pragma once
 
-#include <cstdio>
-
 #include "ctl/kirvex_exchange.h"
 #include "ctl/options.h"
 #include "ctl/survey.h"
@@ -11,14 +9,13 @@ namespace ctl {
 
 // What one who hears nothing should look at.
 inline constexpr char kLikeliest[] =
-    "Is it on, and on this LAN? Does a firewall here let UDP ports 6666, 6667 and 62976 through?";
+    "Is it on, on this LAN, and are UDP ports 6666, 6667 and 62976 open here?";
 
 struct Session {
-    Session(const Options &chosen, FILE *output)
-        : options(chosen), out(output), survey(links, chosen.verbose) {}
+    explicit Session(const Options &chosen)
+        : options(chosen), survey(links, chosen.verbose != nullptr) {}
 
     const Options &options;
-    FILE *out;
     Links links;
     Survey survey;
     Address source = 0;  // a temporary address, for units that can't answer otherwise
@@ -35,7 +32,7 @@ struct Session {
     void Flush();
 
     const Link &link() const { return links.link[unit.link]; }
-    Way way() const { return {link(), source, options.verbose}; }
+    Way way() const { return {link(), source, options.verbose != nullptr}; }
 
   private:
     bool Choose();

@@ -1,6 +1,6 @@
 #include "ctl/setup.h"
 
-#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -32,9 +32,7 @@ static void ReadAddressWish(const char *text, Wish *wish) {
         Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24", text);
     }
     if (prefix < 1 || prefix > kLongestPrefix) {
-        Fail(kUsage,
-             "a prefix is a number from 1 to %d: behind it there must be room for the unit and one "
-             "other",
+        Fail(kUsage, "a prefix is from 1 to %d: the unit and one other must have room behind it",
              kLongestPrefix);
     }
     wish->prefix = static_cast<int>(prefix);
@@ -45,23 +43,14 @@ static void ReadAddressWish(const char *text, Wish *wish) {
     const Address hosts = ~MaskOf(wish->prefix);
     const Address host = wish->address & hosts;
     if (host == 0 || host == hosts) {
-        Fail(kUsage, "%s is the %s address of its subnet, not one of a host", address,
+        Fail(kUsage, "%s is the %s address of its subnet", address,
              host == 0 ? "network" : "broadcast");
     }
 }
 
-// An option that is an address; 0 without it.
-static Address ReadOption(const char *option, const char *text) {
-    Address address = 0;
-    if (text && (!ReadAddress(text, &address) || address == 0)) {
-        Fail(kUsage, "the %s '%s' is no address", option, text);
-    }
-    return address;
-}
-
 void ReadWish(const Options &options, Wish *wish) {
     *wish = {};
-    wish->dhcp = options.dhcp;
+    wish->dhcp = options.dhcp != nullptr;
     if (wish->dhcp) {
         return;
     }
@@ -99,10 +88,9 @@ static const char *FindUnsendable(const UnitInfo &info) {
 
 // Another unit that has an address, or null.
 static const Unit *FindUnitAt(Session &session, Address address) {
-    UnitList &units = session.survey.units();
-    for (int i = 0; i < units.count(); ++i) {
-        if (units[i].ip == address && !units[i].IsSameAs(session.unit)) {
-            return &units[i];
+    for (const Unit &unit : session.survey.units()) {
+        if (unit.ip == address && !unit.IsSameAs(session.unit)) {
+            return &unit;
         }
     }
     return nullptr;
@@ -112,23 +100,23 @@ static const Unit *FindUnitAt(Session &session, Address address) {
 static bool IsTaken(Session &session, Address address) {
     const Unit *unit = FindUnitAt(session, address);
     bool own = false;
-    for (int i = 0; i < session.links.count; ++i) {
-        own |= session.links.link[i].Owns(address);
+    for (const Link &link : session.links) {
+        own |= link.Owns(address);
     }
     uint8_t mac[ETH_ALEN];
     const Holder holder = unit || own ? Holder::kNobody : FindHolder(session.link(), address, mac);
     const bool held = holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0;
     if (unit || own || held) {
-        Complain("refused: %s%s has %s already",
-                 unit  ? "unit "
-                 : own ? "this machine"
-                       : "",
-                 unit  ? unit->info.mac
-                 : own ? ""
-                       : ToText(mac).text,
-                 ToText(address).text);
+        Say("refused: %s%s has %s already",
+            unit  ? "unit "
+            : own ? "this machine"
+                  : "",
+            unit  ? unit->info.mac
+            : own ? ""
+                  : ToText(mac).text,
+            ToText(address).text);
     } else if (holder == Holder::kUnknown) {
-        Complain("could not ask whether anybody has %s already", ToText(address).text);
+        Say("could not ask whether anybody has %s already", ToText(address).text);
     }
     return unit || own || held;
 }
@@ -140,18 +128,15 @@ static bool IsRefused(Session &session, const Wish &wish) {
                              : unit.kirvex  ? nullptr
                                             : FindUnsendable(unit.info);
     if (unsendable) {
-        Complain(
-            "refused: the unit's %s is empty, everybody's or holds a comma, and no setup that "
-            "names the unit can carry it: give it another one first",
+        Say("refused: the unit's %s is empty, everybody's or holds a comma, which no setup can "
+            "carry: change it first",
             unsendable);
     }
     const bool unnamed = !wish.dhcp && unit.dns == 0;
     if (unnamed) {
-        Complain(
-            "refused: the unit reports no name server. Without a nameserver line in its resolver "
-            "file it would not apply fixed settings%s: use --dhcp, or give the file such a line "
-            "first",
-            unit.kirvex ? "" : ", but keep them for the next start");
+        Say("refused: the unit reports no name server. Without a nameserver line in its resolver "
+            "file it applies no fixed settings%s: use --dhcp, or add the line first",
+            unit.kirvex ? "" : " before its next start");
     }
     const bool taken = !wish.dhcp && IsTaken(session, wish.address);
     return unsendable || unnamed || taken;
@@ -188,26 +173,22 @@ static bool SendSetup(Session &session, const UnitInfo &setup) {
 static void Describe(const Session &session, const Wish &wish, const char *verb) {
     char name[kCellSize];
     MakeHarmless(session.unit.info.name, name);
-    fprintf(stderr, "%s %s (%s) on %s, to %s alone: ", verb, name, session.unit.info.mac,
-            session.link().name,
-            !session.unit.kirvex && session.survey.HasPacketRight() ? "its MAC address"
-                                                                    : ToText(session.unit.ip).text);
-    if (wish.dhcp) {
-        fputs("DHCP\n", stderr);
-        return;
-    }
-    PrintSettings(stderr, wish.address, wish.prefix, wish.gateway,
-                  wish.dns != 0 ? wish.dns : session.unit.dns);
+    Say("%s %s (%s) on %s, to %s alone: %s", verb, name, session.unit.info.mac, session.link().name,
+        !session.unit.kirvex && session.survey.HasPacketRight() ? "its MAC address"
+                                                                : ToText(session.unit.ip).text,
+        wish.dhcp ? "DHCP"
+                  : DescribeSettings(wish.address, wish.prefix, wish.gateway,
+                                     wish.dns != 0 ? wish.dns : session.unit.dns)
+                        .text);
 }
 
 // Listens for one round. Returns the unit as it was heard, or null.
 static const Unit *HearUnit(Session &session) {
     session.survey.HearRound(kRoundHalf);
-    const UnitList &units = session.survey.units();
-    for (int i = 0; i < units.count(); ++i) {
-        if (units[i].kirvex == session.unit.kirvex &&
-            memcmp(units[i].mac, session.unit.mac, ETH_ALEN) == 0) {
-            return &units[i];
+    for (const Unit &unit : session.survey.units()) {
+        if (unit.kirvex == session.unit.kirvex &&
+            memcmp(unit.mac, session.unit.mac, ETH_ALEN) == 0) {
+            return &unit;
         }
     }
     return nullptr;
@@ -222,32 +203,32 @@ static bool HoldsAddress(const Session &session, const Wish &wish) {
            memcmp(mac, session.unit.mac, sizeof mac) == 0;
 }
 
-static void Report(const Session &session, const Wish &wish, const Unit &seen) {
+static void Report(const Wish &wish, const Unit &seen) {
     char name[kCellSize];
     MakeHarmless(seen.info.name, name);
-    fprintf(session.out, "%s (%s) answers from ", name, seen.info.mac);
-    PrintSettings(session.out, seen.ip, seen.prefix, seen.gateway, seen.dns);
+    printf("%s (%s) answers from %s\n", name, seen.info.mac,
+           DescribeSettings(seen.ip, seen.prefix, seen.gateway, seen.dns).text);
     if (!wish.dhcp && seen.gateway != wish.gateway) {
-        Complain("but its gateway is %s", ToText(seen.gateway, "none").text);
+        Say("but its gateway is %s", ToText(seen.gateway, "none").text);
     }
 }
 
 [[noreturn]] static void FailVerification(const Session &session, const Unit *seen) {
-    const int seconds = session.options.wait / 1000;
+    const int seconds = session.options.patience / 1000;
     if (!seen) {
         Fail(kNotTaken,
-             "the unit has not answered from anywhere within %d s (it was %s): its network may "
-             "still be restarting; look again with 'tqctl list'",
+             "the unit has not answered within %d s (it was %s): its network may still be "
+             "restarting; look again with 'tqctl list'",
              seconds, ToText(session.unit.ip).text);
     }
     const bool kirvex = session.unit.kirvex;
     Fail(kNotTaken, "the unit still answers from %s after %d s%s%s", ToText(seen->ip).text, seconds,
          kirvex ? ""
-                : ". Either its /etc/TQ.conf says NETSETUP=NO, or it has heard a setup since its "
-                  "daemon started (it takes one): restart the daemon and try again",
+                : ". Its /etc/TQ.conf says NETSETUP=NO, or its daemon has had its one setup: "
+                  "restart the daemon and try again",
          kirvex || session.survey.HasPacketRight()
              ? ""
-             : ". Or it can't be reached by its address: try as root");
+             : ". Or its address does not reach it: try as root");
 }
 
 // When the address stays as it was, gateway and name server tell whether the unit took the rest.
@@ -264,18 +245,18 @@ static void Verify(Session &session, const Wish &wish, bool accepted, const Unit
     const Stopwatch watch;
     int sent = 1;
     const Unit *seen = nullptr;
-    while (watch.Passed() < session.options.wait) {
+    while (watch.Passed() < session.options.patience) {
         seen = HearUnit(session);
         if (!seen && HoldsAddress(session, wish)) {
-            fprintf(session.out, "%s has %s: it answers address resolution there\n",
-                    session.unit.info.mac, ToText(wish.address).text);
+            printf("%s has %s: it answers address resolution there\n", session.unit.info.mac,
+                   ToText(wish.address).text);
             return;
         }
         // With DHCP the same address once more counts when the unit has been away to ask for it.
         accepted |= !seen;
         if (seen && (wish.dhcp ? accepted || seen->ip != session.unit.ip
                                : ShowsWish(session.unit, wish, *seen))) {
-            Report(session, wish, *seen);
+            Report(wish, *seen);
             return;
         }
         if (setup && seen && sent < kMostSetups && watch.Passed() > sent * kRepeatAfter) {
@@ -291,13 +272,13 @@ static void SetNative(Session &session, const Wish &wish) {
     if (!session.survey.HasPacketRight() &&
         (!session.link().IsOfOne(ip) || FindUnitAt(session, ip))) {
         Fail(kNoRight,
-             "others have the address %s, too, or nobody has it; only a packet socket reaches "
-             "this unit alone: run this as root, or once: %s",
+             "%s is not this unit's alone, and only a packet socket reaches it: run this as root, "
+             "or once: %s",
              ToText(ip).text, kSetcap);
     }
     const UnitInfo setup = MakeSetup(session.unit, wish);
     if (!SendSetup(session, setup)) {
-        Fail(kNoRight, "can't send on %s: %s", session.link().name, strerror(errno));
+        __extension__ Fail(kNoRight, "can't send on %s: %m", session.link().name);
     }
     Describe(session, wish, "asked");
     Verify(session, wish, false, &setup);
@@ -321,7 +302,7 @@ static void SetKirvex(Session &session, const Wish &wish) {
     Describe(session, wish, "asking");
     const Verdict verdict =
         RequestSettings(session.way(), session.unit, {session.options.account, password.text},
-                        MakeSettings(session.unit, wish), session.options.wait);
+                        MakeSettings(session.unit, wish), session.options.patience);
     if (verdict.answered) {
         if (verdict.code != kx::kSuccess && verdict.error == kx::kErrorCameraName) {
             char name[kCellSize];
@@ -333,8 +314,8 @@ static void SetKirvex(Session &session, const Wish &wish) {
         }
         if (verdict.status != kx::kStatusRestarting) {
             Fail(kNotTaken,
-                 "the unit took the request and did not carry it out: it could not rewrite its "
-                 "files. Its resolver file needs a nameserver line, and its disk room");
+                 "the unit did not carry it out: it could not rewrite its files. Does its resolver "
+                 "file have a nameserver line, and its disk room?");
         }
         const unsigned seconds = verdict.waitSeconds < 10 ? verdict.waitSeconds : 10;
         Pause(static_cast<Milliseconds>(seconds) * 1000);
@@ -349,12 +330,12 @@ static void ShowDryRun(Session &session, const Wish &wish) {
         char cell[kCellSize];
         discovery::WriteUnitText(TQ_PACKAGE_NETWORK_SETUP, MakeSetup(session.unit, wish), text);
         MakeHarmless(text, cell);
-        fprintf(session.out, "%s\n", cell);
+        printf("setup package: %s\n", cell);
     } else {
         const kx::Settings settings = MakeSettings(session.unit, wish);
-        fprintf(session.out, "KIRVEX set: account %s, camera name %s, web port %d, DHCP %s\n",
-                session.options.account, settings.cameraName, settings.webPort,
-                settings.dhcp ? "on" : "off");
+        printf("KIRVEX set: account %s, camera name %s, web port %d, DHCP %s\n",
+               session.options.account, settings.cameraName, settings.webPort,
+               settings.dhcp ? "on" : "off");
     }
 }
 
@@ -365,10 +346,10 @@ void Set(Session &session) {
     const bool refused = IsRefused(session, wish);
     if (session.options.dryRun) {
         ShowDryRun(session, wish);
-        fprintf(stderr, "nothing was sent%s\n", refused ? ", and nothing would be" : "");
+        Say("nothing was sent%s", refused ? ", and nothing would be" : "");
     }
     if (refused) {
-        exit(kUsage);
+        End(kUsage);
     }
     if (session.options.dryRun) {
         return;

@@ -1,30 +1,47 @@
 #include "ctl/status.h"
 
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 namespace ctl {
 
-__attribute__((format(printf, 1, 0))) static void Print(const char *format, va_list arguments) {
-    fputs("tqctl: ", stderr);
-    vfprintf(stderr, format, arguments);
-    fputc('\n', stderr);
+// One write for each line, so that what others print does not come between.
+__attribute__((format(printf, 2, 0))) static void Print(const char *prefix, const char *format,
+                                                        va_list arguments) {
+    char text[1024];
+    vsnprintf(text, sizeof text, format, arguments);
+    dprintf(STDERR_FILENO, "%s%s\n", prefix, text);
 }
 
-void Complain(const char *format, ...) {
+void Say(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    Print(format, arguments);
+    Print("", format, arguments);
     va_end(arguments);
+}
+
+static void (*lastCall)();
+
+void AtEnd(void (*last)()) {
+    lastCall = last;
+}
+
+void End(Status status) {
+    if (lastCall) {
+        lastCall();
+    }
+    exit(status);
 }
 
 void Fail(Status status, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    Print(format, arguments);
+    Print("tqctl: ", format, arguments);
     va_end(arguments);
-    exit(status);
+    End(status);
 }
 
 }  // namespace ctl

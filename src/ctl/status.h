@@ -15,10 +15,17 @@ enum Status : int {
     kRefused = 7,   // the unit says no
 };
 
-// Prints "tqctl: " and a sentence to standard error.
-void Complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Standard output belongs to results; all else is said on standard error. "%m" is errno's text.
 
-// The same, and ends the program.
+// Prints a line to standard error.
+void Say(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Has `last` called before the program ends, other than by a signal. Once in a run.
+void AtEnd(void (*last)());
+
+[[noreturn]] void End(Status status);
+
+// Prints "tqctl: " and a sentence, and ends the program.
 [[noreturn]] void Fail(Status status, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "ctl/arp.h"
+#include "ctl/text.h"
 #include "ctl/udp.h"
 #include "discovery/announce.h"
 #include "discovery/package.h"
@@ -30,27 +31,35 @@ static constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF
 // The model in whose name a query is made; units do not read it.
 static constexpr char kQueryModel[] = "tqctl";
 
+void Survey::AddEar(UniqueFd sock, Protocol protocol, int link) {
+    Ear &ear = ears_[earCount_++];
+    ear.sock = static_cast<UniqueFd &&>(sock);
+    ear.protocol = protocol;
+    ear.link = link;
+}
+
 void Survey::Open() {
     for (int i = 0; i < links_.count; ++i) {
-        ends_[i].link = i;
-        ends_[i].native = OpenUdp(links_.link[i], 0, TQ_CLIENT_PORT);
-        if (!ends_[i].native) {
-            Fail(kNoRight,
-                 "can't listen on UDP port %d of %s: %s. If another program holds it for itself, "
-                 "end it ('ss -ulnp sport = :%d' names it)",
-                 TQ_CLIENT_PORT, links_.link[i].name, strerror(errno), TQ_CLIENT_PORT);
+        UniqueFd native = OpenUdp(links_.link[i], 0, TQ_CLIENT_PORT);
+        if (!native) {
+            __extension__ Fail(
+                kNoRight,
+                "can't listen on UDP port %d of %s: %m. Does another program hold it? 'ss -ulnp "
+                "sport = :%d' names it",
+                TQ_CLIENT_PORT, links_.link[i].name, TQ_CLIENT_PORT);
         }
-        ends_[i].kirvex = OpenUdp(links_.link[i], 0, 0);
+        AddEar(static_cast<UniqueFd &&>(native), Protocol::kNative, i);
+    }
+    for (int i = 0; i < links_.count; ++i) {
+        SearchFrom(links_.link[i], 0);
     }
     // Without the right both stay empty, and ordinary datagrams have to do.
     packet_.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    arp_ = OpenArp();
+    AddEar(OpenArp(), Protocol::kArp, 0);
 }
 
-void Survey::SearchFrom(int link, Address source) {
-    End &end = ends_[links_.count];
-    end.link = link;
-    end.kirvex = OpenUdp(links_.link[link], source, 0);
+void Survey::SearchFrom(const Link &link, Address source) {
+    AddEar(OpenUdp(link, source, 0), Protocol::kKirvex, static_cast<int>(&link - links_.link));
 }
 
 bool Survey::Query() {
@@ -60,23 +69,28 @@ bool Survey::Query() {
     const size_t size = discovery::EncodeQuery(kQueryModel, query);
     bool sent = false;
     int error = 0;
-    for (int i = 0; i <= links_.count; ++i) {
-        SendUdp(ends_[i].kirvex.get(), INADDR_BROADCAST, kx::kPort, search, sizeof search);
-        if (i == links_.count) {
-            break;
+    for (int i = 0; i < earCount_; ++i) {
+        const Ear &ear = ears_[i];
+        const Link &link = links_.link[ear.link];
+        if (ear.protocol == Protocol::kKirvex) {
+            SendUdp(ear.sock.get(), INADDR_BROADCAST, kx::kPort, search, sizeof search);
+        }
+        if (ear.protocol != Protocol::kNative) {
+            continue;
         }
         // An ordinary broadcast is heard as well as one that is built here, but can't always be
         // sent from an interface without an address.
-        const Link &link = links_.link[i];
         const bool done =
             (packet_ && discovery::SendToStation(packet_.get(), link.index, kEveryStation,
                                                  TQ_SERVER_PORT, query, size) == 0) ||
-            SendUdp(ends_[i].native.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
+            SendUdp(ear.sock.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
         error = done ? error : errno;
         sent |= done;
         if (verbose_) {
-            Complain("query on %s: %s", link.name,
-                     done ? packet_ ? "sent through a packet socket" : "sent" : strerror(error));
+            __extension__ Say(!done     ? "query on %s: %m"
+                              : packet_ ? "query on %s, through a packet socket"
+                                        : "query on %s",
+                              link.name);
         }
     }
     errno = error;
@@ -88,31 +102,31 @@ void Survey::Take(Unit &unit, void *context) {
     unit.Place(survey.links_, survey.link_);
     const Unit *heard = survey.units_.Take(unit);
     if (heard && heard->heard == 1 && survey.verbose_ && !heard->IsWhole()) {
-        Complain("an answer on %s has %d fields instead of %d", heard->interface, heard->fields,
-                 kPackageFields);
+        Say("an answer on %s has %d fields instead of %d", heard->interface, heard->fields,
+            kPackageFields);
     }
 }
 
-void Survey::TakeNative(int sock) {
+void Survey::TakeReply(const Ear &ear) {
     Datagram reply;
-    if (ReceiveUdp(sock, &reply) &&
-        ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this) == 0 &&
-        verbose_) {
-        Complain("%zu bytes on %s are no answer", reply.size, links_.link[link_].name);
+    if (!ReceiveUdp(ear.sock.get(), &reply)) {
+        return;
     }
-}
-
-void Survey::TakeSearchReply(int sock) {
-    Datagram reply;
     Unit unit;
-    if (ReceiveUdp(sock, &reply) && ReadSearchReply({reply.data, reply.size}, &unit)) {
-        Take(unit, this);
+    if (ear.protocol == Protocol::kKirvex) {
+        if (ReadSearchReply({reply.data, reply.size}, &unit)) {
+            Take(unit, this);
+        }
+    } else if (ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this) ==
+                   0 &&
+               verbose_) {
+        Say("%zu bytes on %s are no answer", reply.size, links_.link[ear.link].name);
     }
 }
 
-void Survey::TakeArp() {
+void Survey::TakeArp(int sock) {
     ArpPacket packet;
-    if (!ReceiveArp(arp_.get(), &packet)) {
+    if (!ReceiveArp(sock, &packet)) {
         return;
     }
     const int link = links_.Find(packet.interface);
@@ -130,35 +144,30 @@ void Survey::TakeArp() {
         Silent &silent = silent_[silentCount_++];
         // One without a gateway takes everybody for a neighbour, and asks for this machine.
         const Address gateway = links_.link[link].Fits(packet.target) ? 0 : packet.target;
-        silent = {packet.sender, gateway, {}, link};
+        silent = {packet.sender, gateway, {}, &links_.link[link]};
         memcpy(silent.mac, packet.senderMac, ETH_ALEN);
     }
 }
 
 void Survey::Listen(Milliseconds time) {
-    // Two for each end, native and KIRVEX, and one for ARP.
-    pollfd wanted[2 * (kMostLinks + 1) + 1];
-    const int count = 2 * (links_.count + 1);
-    for (int i = 0; i < count; ++i) {
-        const End &end = ends_[i / 2];
-        wanted[i] = {(i % 2 == 0 ? end.native : end.kirvex).get(), POLLIN, 0};
+    pollfd wanted[kMostEars];
+    for (int i = 0; i < earCount_; ++i) {
+        wanted[i] = {ears_[i].sock.get(), POLLIN, 0};
     }
-    wanted[count] = {arp_.get(), POLLIN, 0};
     const Stopwatch watch;
     for (Milliseconds left; (left = time - watch.Passed()) > 0;) {
-        if (poll(wanted, static_cast<nfds_t>(count) + 1, left) < 1) {
-            continue;
-        }
-        for (int i = 0; i < count; ++i) {
-            link_ = ends_[i / 2].link;
-            if (wanted[i].revents && i % 2 == 0) {
-                TakeNative(wanted[i].fd);
-            } else if (wanted[i].revents) {
-                TakeSearchReply(wanted[i].fd);
+        const int ready = poll(wanted, static_cast<nfds_t>(earCount_), left);
+        for (int i = 0; ready > 0 && i < earCount_; ++i) {
+            const Ear &ear = ears_[i];
+            link_ = ear.link;
+            if (wanted[i].revents == 0) {
+                continue;
             }
-        }
-        if (wanted[count].revents) {
-            TakeArp();
+            if (ear.protocol == Protocol::kArp) {
+                TakeArp(ear.sock.get());
+            } else {
+                TakeReply(ear);
+            }
         }
     }
 }
@@ -172,7 +181,7 @@ void Survey::HearRound(Milliseconds time) {
 }
 
 void Survey::Discover(Milliseconds time) {
-    const bool shown = isatty(STDERR_FILENO) && !verbose_;
+    const bool shown = !verbose_ && TerminalColumns(STDERR_FILENO) >= 0;
     const Stopwatch watch;
     int quiet = 0;
     for (;;) {
@@ -183,22 +192,22 @@ void Survey::Discover(Milliseconds time) {
         }
         const int before = units_.count();
         if (shown) {
-            fprintf(stderr, "looking for units ... %d\r", before);
-            fflush(stderr);
+            dprintf(STDERR_FILENO, "looking for units ... %d\r", before);
         }
         for (int i = 0; i < kQueriesInRound; ++i) {
             if (!Query()) {
-                Fail(kNoRight,
-                     "can't send on any interface: %s. An interface without an address needs one, "
-                     "or the right to packet sockets: %s",
-                     strerror(errno), kSetcap);
+                __extension__ Fail(
+                    kNoRight,
+                    "can't send on any interface: %m. Without an address that takes the right to "
+                    "packet sockets: %s",
+                    kSetcap);
             }
             Listen(kQueryInterval);
         }
         quiet = units_.count() > before ? 0 : quiet + 1;
     }
     if (shown) {
-        fputs("\033[K", stderr);
+        dprintf(STDERR_FILENO, "\033[K");
     }
     units_.Sort();
     SortOut();
@@ -208,8 +217,8 @@ void Survey::SortOut() {
     int kept = 0;
     for (int i = 0; i < silentCount_; ++i) {
         bool heard = false;
-        for (int k = 0; k < units_.count(); ++k) {
-            heard |= memcmp(units_[k].mac, silent_[i].mac, ETH_ALEN) == 0;
+        for (const Unit &unit : units_) {
+            heard |= memcmp(unit.mac, silent_[i].mac, ETH_ALEN) == 0;
         }
         if (!heard) {
             silent_[kept++] = silent_[i];

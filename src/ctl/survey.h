@@ -1,6 +1,8 @@
 // Who is on the links: queries of both protocols, and what comes back.
 #pragma once
 
+#include <span>
+
 #include "common/owners.h"
 #include "ctl/clock.h"
 #include "ctl/links.h"
@@ -15,7 +17,7 @@ struct Silent {
     Address address;
     Address gateway;  // 0: it has none
     uint8_t mac[ETH_ALEN];
-    int link;
+    const Link *link;  // where it was heard
 };
 
 inline constexpr int kMostSilent = 32;
@@ -41,38 +43,40 @@ class Survey {
     void HearRound(Milliseconds time);
 
     // Has searches on one link sent from that address of this machine as well.
-    void SearchFrom(int link, Address source);
+    void SearchFrom(const Link &link, Address source);
 
     // Whether datagrams can be addressed to one station.
     bool HasPacketRight() const { return static_cast<bool>(packet_); }
     int packetSocket() const { return packet_.get(); }
-    int nativeSocket(int link) const { return ends_[link].native.get(); }
+    int nativeSocket(int link) const { return ears_[link].sock.get(); }
 
-    const Links &links() const { return links_; }
     UnitList &units() { return units_; }
-    const Silent *silent() const { return silent_; }
-    int silentCount() const { return silentCount_; }
+    std::span<const Silent> silent() const { return {silent_, static_cast<size_t>(silentCount_)}; }
     // Drops from the silent ones those that have been heard after all.
     void SortOut();
 
   private:
-    // What one link is heard and spoken to with.
-    struct End {
-        UniqueFd native;
-        UniqueFd kirvex;
+    enum class Protocol : uint8_t { kNative, kKirvex, kArp };
+
+    // What a link is heard and spoken to with.
+    struct Ear {
+        UniqueFd sock;
+        Protocol protocol;
         int link;
     };
+    // Two for each link, one for KIRVEX from another address, and one for the ARP of all links.
+    static constexpr int kMostEars = 2 * kMostLinks + 2;
 
-    void TakeNative(int sock);
-    void TakeSearchReply(int sock);
-    void TakeArp();
+    void AddEar(UniqueFd sock, Protocol protocol, int link);
+    void TakeReply(const Ear &ear);
+    void TakeArp(int sock);
     static void Take(Unit &unit, void *context);
 
     const Links &links_;
     bool verbose_;
-    End ends_[kMostLinks + 1];  // one for each link, and one more for KIRVEX from another address
+    Ear ears_[kMostEars];  // those for the native protocol first, in the order of the links
+    int earCount_ = 0;
     UniqueFd packet_;
-    UniqueFd arp_;
     UnitList units_;
     int link_ = 0;  // over which what is being read came
     Silent silent_[kMostSilent];

@@ -5,9 +5,9 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "ctl/stop.h"
@@ -50,8 +50,8 @@ static int kernel;
 static bool Request(const AddressRequest &request) {
     char bytes[1024];
     Answer answer;
-    if (send(kernel, &request, sizeof request, 0) == -1 ||
-        recv(kernel, bytes, sizeof bytes, 0) < static_cast<ssize_t>(sizeof answer)) {
+    if (sendto(kernel, &request, sizeof request, 0, nullptr, 0) == -1 ||
+        read(kernel, bytes, sizeof bytes) < static_cast<ssize_t>(sizeof answer)) {
         return false;
     }
     memcpy(&answer, bytes, sizeof answer);
@@ -61,8 +61,8 @@ static bool Request(const AddressRequest &request) {
 
 static void Remove() {
     if (!Request(removal)) {
-        Complain("the temporary address %s is still there: %s",
-                 ToText(ntohl(removal.local.address)).text, strerror(errno));
+        __extension__ Say("the temporary address %s is still there: %m",
+                          ToText(ntohl(removal.local.address)).text);
     }
 }
 
@@ -83,11 +83,11 @@ void AddTemporaryAddress(const Link &link, Address address, int prefix) {
     addition.header.nlmsg_type = RTM_NEWADDR;
     addition.header.nlmsg_flags |= NLM_F_CREATE | NLM_F_EXCL;
     if (!Request(addition)) {
-        Fail(kNoRight,
-             "can't give %s the temporary address %s/%d: %s. That takes root, or once: %s",
-             link.name, ToText(address).text, prefix, strerror(errno), kSetcap);
+        __extension__ Fail(
+            kNoRight, "can't give %s the temporary address %s/%d: %m. That takes root, or once: %s",
+            link.name, ToText(address).text, prefix, kSetcap);
     }
-    atexit(Remove);
+    AtEnd(Remove);
 }
 
 }  // namespace ctl

@@ -1,5 +1,8 @@
 #include "ctl/text.h"
 
+#include <sys/ioctl.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "common/utf8.h"
@@ -70,7 +73,7 @@ size_t DisplayWidth(const char *text) {
     return width;
 }
 
-void PrintCell(FILE *out, const char *text, size_t width) {
+void PrintCell(const char *text, size_t width) {
     const bool cut = width > 0 && DisplayWidth(text) > width;
     size_t left = cut ? width - 1 : width;
     size_t length;
@@ -79,29 +82,34 @@ void PrintCell(FILE *out, const char *text, size_t width) {
         if (cut && next > left) {
             break;
         }
-        fwrite(text, 1, length, out);
+        printf("%.*s", static_cast<int>(length), text);
         left -= width > 0 ? next : 0;
     }
     if (cut) {
-        fputc('~', out);
+        putchar('~');
     }
-    fprintf(out, "%*s", static_cast<int>(left), "");
+    printf("%*s", static_cast<int>(left), "");
 }
 
-void PrintJsonString(FILE *out, const char *text) {
-    fputc('"', out);
+int TerminalColumns(int descriptor) {
+    winsize size;
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : -1;
+}
+
+void PrintJsonString(const char *text) {
+    putchar('"');
     size_t length;
     for (; *text != '\0'; text += length) {
         const uint32_t code = ReadCodePoint(text, &length);
         if (code == '"' || code == '\\') {
-            fprintf(out, "\\%c", static_cast<char>(code));
+            printf("\\%c", static_cast<char>(code));
         } else if (IsIn(kSteering, code) || code == kNoCodePoint) {
-            fprintf(out, "\\u%04x", static_cast<unsigned>(code));
+            printf("\\u%04x", static_cast<unsigned>(code));
         } else {
-            fwrite(text, 1, length, out);
+            printf("%.*s", static_cast<int>(length), text);
         }
     }
-    fputc('"', out);
+    putchar('"');
 }
 
 }  // namespace ctl

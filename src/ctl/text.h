@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 namespace ctl {
 
@@ -19,9 +18,12 @@ size_t DisplayWidth(const char *text);
 
 // Prints a harmless text in exactly `width` columns, or as it is when `width` is 0. One that is
 // wider ends in "~".
-void PrintCell(FILE *out, const char *text, size_t width);
+void PrintCell(const char *text, size_t width);
+
+// The width of the terminal on a descriptor: 0 when it does not tell, -1 without one.
+int TerminalColumns(int descriptor);
 
 // Prints a text as a JSON string; bytes that are no UTF-8 become U+FFFD.
-void PrintJsonString(FILE *out, const char *text);
+void PrintJsonString(const char *text);
 
 }  // namespace ctl

@@ -1,6 +1,7 @@
 #include "ctl/udp.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -38,7 +39,7 @@ bool SendUdp(int sock, Address address, uint16_t port, const void *data, size_t 
 }
 
 bool ReceiveUdp(int sock, Datagram *datagram) {
-    const ssize_t length = recv(sock, datagram->data, sizeof datagram->data - 1, 0);
+    const ssize_t length = read(sock, datagram->data, sizeof datagram->data - 1);
     if (length == -1) {
         return false;
     }

@@ -20,7 +20,6 @@ static constexpr size_t kMacTextLength = 17;
 
 // A LAN with more units than this sends them to exhaust memory.
 static constexpr int kMostUnits = 4096;
-static constexpr int kGrowth = 64;
 
 // The size of each text of the record, in the order in which a package carries them.
 static constexpr uint8_t kTextSizes[kPackageFields] = {
@@ -54,13 +53,14 @@ void Unit::Place(const Links &links, int number) {
     CopyText(interface, number == -1 ? "" : links.link[number].name);
 }
 
-bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
+// Reads a MAC address. Returns where it ends; null when there is none.
+static const char *SkipMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
     for (int i = 0; i < ETH_ALEN; ++i) {
         if (i > 0 && (*text == ':' || *text == '-')) {
             ++text;
         }
         if (strspn(text, "0123456789ABCDEFabcdef") < 2) {
-            return false;
+            return nullptr;
         }
         int byte = 0;
         for (const char *end = text + 2; text < end; ++text) {
@@ -68,7 +68,12 @@ bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
         }
         mac[i] = static_cast<uint8_t>(byte);
     }
-    return *text == '\0';
+    return text;
+}
+
+bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]) {
+    const char *end = SkipMac(text, mac);
+    return end && *end == '\0';
 }
 
 static Address AddressOf(const char *text) {
@@ -86,38 +91,6 @@ static void ReadTexts(Unit *unit) {
     ReadMac(unit->info.mac, unit->mac);
 }
 
-// Splits a text at its commas, in place, empty fields kept. Returns their number.
-static int Split(char *text, char *(&fields)[kMostFields]) {
-    int count = 0;
-    for (char *next = text; next && count < kMostFields; ++count) {
-        fields[count] = next;
-        next = strchr(next, ',');
-        if (next) {
-            *next++ = '\0';
-        }
-    }
-    return count;
-}
-
-// Undoes Split from `from` to `to`, both included.
-static const char *Join(char *(&fields)[kMostFields], int from, int to) {
-    for (int i = from + 1; i <= to; ++i) {
-        fields[i][-1] = ',';
-    }
-    return from <= to ? fields[from] : "";
-}
-
-// Where the MAC stands, from which the fields on both sides are counted; -1 when nowhere.
-static int FindMac(char *(&fields)[kMostFields], int count) {
-    uint8_t mac[ETH_ALEN];
-    for (int i = 8; i < count; ++i) {
-        if (strlen(fields[i]) == kMacTextLength && ReadMac(fields[i], mac)) {
-            return i;
-        }
-    }
-    return -1;
-}
-
 bool ReadUnitText(const char *text, Unit *unit) {
     *unit = {};
     if (strncmp(text, kMagic, sizeof kMagic - 1) != 0) {
@@ -125,24 +98,35 @@ bool ReadUnitText(const char *text, Unit *unit) {
     }
     CopyText(unit->protocol, "native");
     unit->prefix = unit->dhcp = unit->fits = -1;
-    char copy[1024];
-    CopyText(copy, text + sizeof kMagic - 1);
-    char *fields[kMostFields];
-    const int count = Split(copy, fields);
-    const int mac = FindMac(fields, count);
-    if (mac == -1) {
-        CopyText(unit->info.note, Join(fields, 0, count - 1));
-        return true;
-    }
-    for (int i = 0; i < count; ++i) {
+    text += sizeof kMagic - 1;
+    // Where each field begins, and behind the last one where another would. From the MAC, the first
+    // field that can be one, those on both sides are counted.
+    const char *fields[kMostFields + 1] = {text};
+    int count = 0;
+    int mac = -1;
+    do {
+        const size_t length = strcspn(text, ",");
+        if (mac == -1 && count >= kMac && length == kMacTextLength &&
+            SkipMac(text, unit->mac) == text + length) {
+            mac = count;
+        }
         // The receiver of a package does not count empty fields.
-        unit->fields += fields[i][0] != '\0' ? 1 : 0;
+        unit->fields += length > 0 ? 1 : 0;
+        text += length + 1;
+        fields[++count] = text;
+    } while (text[-1] != '\0' && count < kMostFields);
+    if (mac == -1) {
+        unit->fields = 0;
+        CopyText(unit->info.note, fields[0]);
+        return true;
     }
     char *out = reinterpret_cast<char *>(&unit->info);
     for (int i = 0; i < kPackageFields; ++i) {
         const int from = i > kName ? mac + i - kMac : i;
-        const int to = i == kName ? mac + kName - kMac : i == kNote ? count - 1 : from;
-        CopyText(out, kTextSizes[i], to < count ? Join(fields, from, to) : "");
+        const int behind = i == kName ? mac + kName - kMac + 1 : i == kNote ? count : from + 1;
+        const auto length = from < behind && behind <= count ? fields[behind] - fields[from] : 1;
+        snprintf(out, kTextSizes[i], "%.*s", static_cast<int>(length - 1),
+                 from < count ? fields[from] : "");
         out += kTextSizes[i];
     }
     CopyText(unit->nameServers, unit->info.dns);
@@ -172,16 +156,14 @@ int ReadPackage(const char *encoded, size_t length, TakeUnit take, void *context
 // Copies a text field, which may fill its bytes without a terminator.
 template <size_t kSize>
 static void CopyField(char (&out)[kSize], std::span<const uint8_t> packet, kx::Field field) {
-    const char *text = reinterpret_cast<const char *>(packet.data() + field.offset);
-    const size_t length = strnlen(text, field.size < kSize ? field.size : kSize - 1);
-    memcpy(out, text, length);
-    out[length] = '\0';
+    snprintf(out, kSize, "%.*s", static_cast<int>(field.size), packet.data() + field.offset);
 }
 
-template <size_t kSize>
-static void CopyAddress(char (&out)[kSize], std::span<const uint8_t> packet,
-                        kx::SettingsField field) {
-    CopyText(out, kx::ReadAddress(packet, field.In(kx::kReplySettings)).text);
+static Address CopyAddress(char (&out)[16], std::span<const uint8_t> packet,
+                           kx::SettingsField field) {
+    const Address address = ReadNetworkOrder(packet.data() + field.In(kx::kReplySettings).offset);
+    CopyText(out, ToText(address).text);
+    return address;
 }
 
 bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit) {
@@ -206,25 +188,22 @@ bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit) {
     CopyAddress(info.netmask, packet, kx::kNetmask);
     CopyAddress(info.gateway, packet, kx::kGateway);
     CopyAddress(info.dns, packet, kx::kPrimaryDns);
-    CopyAddress(unit->nameServers, packet, kx::kSecondaryDns);
-    unit->secondDns = AddressOf(unit->nameServers);
+    char second[sizeof info.dns];
+    unit->secondDns = CopyAddress(second, packet, kx::kSecondaryDns);
     snprintf(unit->nameServers, sizeof unit->nameServers, unit->secondDns != 0 ? "%s %s" : "%s",
-             info.dns, ToText(unit->secondDns).text);
+             info.dns, second);
     // A unit with a fixed address sends another value than 1, and not 0.
     unit->dhcp = kx::ReadInteger(packet, kx::kDhcp.In(kx::kReplySettings)) == 1;
-    CopyText(info.mac, kx::ReadMac(packet, kx::kBodyMac).text);
+    memcpy(unit->mac, packet.data() + kx::kBodyMac.offset, sizeof unit->mac);
+    CopyText(info.mac, ToText(unit->mac).text);
     ReadTexts(unit);
     return true;
 }
 
-UnitList::~UnitList() {
-    free(units_);
-}
-
 Unit *UnitList::Find(const Unit &unit) {
-    for (int i = 0; i < count_; ++i) {
-        if (units_[i].IsSameAs(unit)) {
-            return &units_[i];
+    for (Unit &known : *this) {
+        if (known.IsSameAs(unit)) {
+            return &known;
         }
     }
     return nullptr;
@@ -233,17 +212,15 @@ Unit *UnitList::Find(const Unit &unit) {
 Unit *UnitList::Take(const Unit &unit) {
     Unit *known = Find(unit);
     const int heard = known ? known->heard : 0;
+    if (!units_) {
+        // The kernel gives memory to what is written alone.
+        units_ = ZeroedBlock<Unit>(kMostUnits * sizeof unit);
+    }
+    if (!known && (!units_ || count_ == kMostUnits)) {
+        return nullptr;
+    }
     if (!known) {
-        if (count_ % kGrowth == 0) {
-            void *grown = count_ < kMostUnits
-                              ? realloc(units_, static_cast<size_t>(count_ + kGrowth) * sizeof unit)
-                              : nullptr;
-            if (!grown) {
-                return nullptr;
-            }
-            units_ = static_cast<Unit *>(grown);
-        }
-        known = &units_[count_++];
+        known = begin() + count_++;
     }
     *known = unit;
     known->heard = heard + 1;
@@ -254,19 +231,15 @@ void UnitList::Sort() {
     if (count_ == 0) {
         return;
     }
-    qsort(units_, static_cast<size_t>(count_), sizeof(Unit), [](const void *a, const void *b) {
-        const auto &left = *static_cast<const Unit *>(a);
-        const auto &right = *static_cast<const Unit *>(b);
-        if (left.ip != right.ip) {
-            return left.ip < right.ip ? -1 : 1;
-        }
-        return strcmp(left.info.mac, right.info.mac);
-    });
-}
-
-void UnitList::Drop(int at) {
-    --count_;
-    memmove(units_ + at, units_ + at + 1, static_cast<size_t>(count_ - at) * sizeof(Unit));
+    qsort(units_.get(), static_cast<size_t>(count_), sizeof(Unit),
+          [](const void *a, const void *b) {
+              const auto &left = *static_cast<const Unit *>(a);
+              const auto &right = *static_cast<const Unit *>(b);
+              if (left.ip != right.ip) {
+                  return left.ip < right.ip ? -1 : 1;
+              }
+              return strcmp(left.info.mac, right.info.mac);
+          });
 }
 
 }  // namespace ctl

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 
+#include "common/owners.h"
 #include "ctl/links.h"
 #include "unit/unit_info.h"
 
@@ -62,28 +63,33 @@ bool ReadSearchReply(std::span<const uint8_t> packet, Unit *unit);
 // Reads a MAC address written with ":", with "-" or without either.
 bool ReadMac(const char *text, uint8_t (&mac)[ETH_ALEN]);
 
-// Heap storage for units, which grows; without memory, what comes is dropped.
+// Heap storage for units; without memory, what comes is dropped.
 class UnitList {
   public:
-    UnitList() = default;
-    UnitList(const UnitList &) = delete;
-    UnitList &operator=(const UnitList &) = delete;
-    ~UnitList();
-
     // Adds a unit, or counts and renews the one that is there. Returns it; null without memory.
     Unit *Take(const Unit &unit);
     // The same unit as it is known; null when it is not. Valid until the next change.
     Unit *Find(const Unit &unit);
     void Sort();  // by address, then by MAC
-    void Drop(int at);
     void Clear() { count_ = 0; }
+
+    // Drops all units but those that `isWanted` returns true for.
+    template <class Condition>
+    void Keep(Condition isWanted) {
+        Unit *kept = begin();
+        for (Unit &unit : *this) {
+            if (isWanted(unit)) {
+                *kept++ = unit;
+            }
+        }
+        count_ = static_cast<int>(kept - begin());
+    }
     int count() const { return count_; }
-    const Unit *data() const { return units_; }
-    Unit &operator[](int i) { return units_[i]; }
-    const Unit &operator[](int i) const { return units_[i]; }
+    Unit *begin() const { return units_.get(); }
+    Unit *end() const { return begin() + count_; }
 
   private:
-    Unit *units_ = nullptr;
+    HeapBlock<Unit> units_;
     int count_ = 0;
 };
 

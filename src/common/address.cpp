@@ -39,13 +39,13 @@ static uint32_t MaskOfPrefix(int length) {
 }
 
 static void ParseMask(const char *token, uint32_t *mask) {
-    static constexpr char kFunction[] = "COM_ConvertNetworkAddr";
+    static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_ConvertNetworkAddr");
     if (strchr(token, '.')) {
         in_addr dotted;
         if (inet_aton(token, &dotted)) {
             *mask = dotted.s_addr;
         } else {
-            TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "[%s] is not a valid netmask\n", token);
+            TQ_LOG_FOR(kOrigin, "[%s] is not a valid netmask\n", token);
         }
         return;
     }
@@ -53,8 +53,7 @@ static void ParseMask(const char *token, uint32_t *mask) {
     if (length >= 0 && length <= 32) {
         *mask = MaskOfPrefix(length);
     } else {
-        TQ_LOG_FOR((MessageOrigin{kSource, kFunction}), "offset : (%s, %d) : isn't resonable\n",
-                   token, length);
+        TQ_LOG_FOR(kOrigin, "offset : (%s, %d) : isn't resonable\n", token, length);
     }
 }
 

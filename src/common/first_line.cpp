@@ -11,7 +11,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
-static constexpr MessageOrigin kOrigin{kSource, "COM_GetFileContent"};
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_GetFileContent");
 
 // Bytes after which a file is left alone, however little of it has been of use.
 static constexpr size_t kLongestFile = size_t{64} << 20;

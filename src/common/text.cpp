@@ -25,11 +25,11 @@ const char *COM_StrNCaseStr(const char *text, const char *word) {
 }
 
 const char *COM_GetStrInDoubleQuotes(const char *text, const char *key, char *out, int size) {
-    return CopyQuotedValue(text, key, out, size, {kSource, __func__});
+    return CopyQuotedValue(text, key, out, size, TQ_ORIGIN(__func__));
 }
 
 const char *CopyQuotedValue(const char *text, const char *key, char *out, int size,
-                            const MessageOrigin &origin) {
+                            MessageOrigin origin) {
     const char *found = COM_StrNCaseStr(text, key);
     if (!found) {
         return nullptr;

@@ -4,8 +4,7 @@
 #include <cstddef>
 
 #include "common/owners.h"
-
-struct MessageOrigin;
+#include "frame/message.h"
 
 // Copies a text into a field of `size` bytes, cut to size - 1 characters, always terminated.
 void CopyText(char *field, size_t size, const char *text);
@@ -28,7 +27,7 @@ const char *COM_GetStrInDoubleQuotes(const char *text, const char *key, char *ou
 
 // The same, reporting in the name of `origin`.
 const char *CopyQuotedValue(const char *text, const char *key, char *out, int size,
-                            const MessageOrigin &origin);
+                            MessageOrigin origin);
 
 // Copies the rest of the line behind `key` (letter case ignored) to `out`, at most size - 1
 // characters and a terminator; a longer value is cut with a message. The line ends at the first

@@ -35,7 +35,7 @@ static bool BeginsWithKey(const char *line, const char *key) {
     return strncasecmp(line, key, strlen(key)) == 0;
 }
 
-static void ApplyLine(const char *line, TQ_Cfg *cfg, const MessageOrigin &origin) {
+static void ApplyLine(const char *line, TQ_Cfg *cfg, MessageOrigin origin) {
     if (BeginsWithKey(line, kNetSetupKey)) {
         if (COM_StrNCaseStr(line + strlen(kNetSetupKey), "YES")) {
             cfg->netsetup = 1;
@@ -66,7 +66,7 @@ int TQ_ParsetCfg(TQ_Cfg *cfg) {
     TQ_LOG("pCfgFile = [%s]\n", cfg->pCfgFile);
     char line[128];
     while (fgets(line, sizeof line, file.get())) {
-        ApplyLine(line, cfg, {kSource, __func__});
+        ApplyLine(line, cfg, TQ_ORIGIN(__func__));
     }
     return 0;
 }

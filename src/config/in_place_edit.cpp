@@ -27,8 +27,7 @@ TerminationHeld::~TerminationHeld() {
     sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
-InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules,
-                         const MessageOrigin &origin)
+InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules, MessageOrigin origin)
     : path_(path), rules_(rules), origin_(origin) {
     CopyText(temporary_, rules.temporaryFile);
     // It stays open: the same name may stand for somebody else's file a moment later.

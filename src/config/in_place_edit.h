@@ -39,7 +39,7 @@ class InPlaceEdit {
   public:
     // `path`, `rules` and `origin` must outlive the object; failures are reported in the name of
     // `origin`.
-    InPlaceEdit(const char *path, const InPlaceEditRules &rules, const MessageOrigin &origin);
+    InPlaceEdit(const char *path, const InPlaceEditRules &rules, MessageOrigin origin);
     InPlaceEdit(const InPlaceEdit &) = delete;
     InPlaceEdit &operator=(const InPlaceEdit &) = delete;
     ~InPlaceEdit();
@@ -83,7 +83,7 @@ class InPlaceEdit {
     TerminationHeld held_;  // to the very end, when the temporary file is gone as well
     const char *path_;
     const InPlaceEditRules &rules_;
-    const MessageOrigin &origin_;
+    MessageOrigin origin_;
     char temporary_[32];
     UniqueFd copy_;
     UniqueFile original_;

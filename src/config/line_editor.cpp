@@ -12,7 +12,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
-static constexpr MessageOrigin kOrigin{kSource, "COM_ReplaceItemsInFile"};
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_ReplaceItemsInFile");
 static constexpr config::InPlaceEditRules kRules{"/var/COM_XXXXXX", "fail", true, true};
 
 static bool Matches(const COM_ReplaceItem &item, const char *line, bool anywhere) {

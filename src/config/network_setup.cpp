@@ -8,7 +8,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
-static constexpr MessageOrigin kOrigin{kSource, "TQ_SetupNetwork"};
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("TQ_SetupNetwork");
 
 namespace {
 

@@ -69,17 +69,17 @@ int COM_KillProcbyName(const char *name, ...) {
     return result;
 }
 
-static int Signal(pid_t pid, int signal, const char *function) {
+static int Signal(pid_t pid, int signal, MessageOrigin origin) {
     const int result = kill(pid, signal);
     if (result == -1) {
-        TQ_LOG_FOR((MessageOrigin{kSource, function}), "kill(%d, %d) fail : %m\n", pid, signal);
+        TQ_LOG_FOR(origin, "kill(%d, %d) fail : %m\n", pid, signal);
     }
     return result;
 }
 
 int COM_SendSignal(const char *name, pid_t pid, int signal) {
     if (!name) {
-        return pid > 0 ? Signal(pid, signal, __func__) : -1;
+        return pid > 0 ? Signal(pid, signal, TQ_ORIGIN(__func__)) : -1;
     }
     const UniqueDir table(opendir(kProcessTable));
     if (!table) {
@@ -96,7 +96,7 @@ int COM_SendSignal(const char *name, pid_t pid, int signal) {
         }
         const pid_t target = ParseInt(entry->d_name);
         TQ_LOG("[pid:%d] - kill(%d[%s], %d)\n", getpid(), target, name, signal);
-        return target > 0 ? Signal(target, signal, __func__) : -1;
+        return target > 0 ? Signal(target, signal, TQ_ORIGIN(__func__)) : -1;
     }
     return -1;
 }

@@ -69,7 +69,7 @@ bool WriteDhcpStanza(int out, const char *device, const char *hostname) {
     return dprintf(out, "iface %s inet dhcp\n  hostname %s\n\n", device, hostname) >= 0;
 }
 
-bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin) {
+bool HasUsableGateway(const StaticStanza &stanza, MessageOrigin origin) {
     in_addr address{};
     in_addr netmask{};
     in_addr gateway{};

@@ -41,7 +41,7 @@ struct StaticStanza {
 };
 
 // Whether the gateway lies in the address's own subnet; if not, says so in the name of `origin`.
-[[nodiscard]] bool HasUsableGateway(const StaticStanza &stanza, const MessageOrigin &origin);
+[[nodiscard]] bool HasUsableGateway(const StaticStanza &stanza, MessageOrigin origin);
 
 // Writes the stanza, without a gateway line when `withGateway` is false.
 [[nodiscard]] bool WriteStaticStanza(int out, const StaticStanza &stanza, bool withGateway);

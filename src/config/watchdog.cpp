@@ -23,7 +23,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
-static constexpr MessageOrigin kOrigin{kSource, "TQ_Watchdog"};
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("TQ_Watchdog");
 static constexpr size_t kRequestSize = 80;
 
 struct TQ_WatchDogEntry {
@@ -67,14 +67,13 @@ static bool ReadDueTime(const char *text, DueTime *request) {
 // What reboot and shutdown share: init gets `signal` once the request is due and the file systems
 // have been flushed `syncs` times.
 static int SignalInitWhenDue(const char *text, const char *event, int syncs, int signal,
-                             const char *function) {
+                             MessageOrigin origin) {
     DueTime request;
     if (!ReadDueTime(text, &request)) {
         return -1;
     }
     if (request.IsCountdownTime()) {
-        TQ_LOG_FOR((MessageOrigin{kSource, function}), "%" PRId64 " sec before %s!\n",
-                   request.SecondsLeft(), event);
+        TQ_LOG_FOR(origin, "%" PRId64 " sec before %s!\n", request.SecondsLeft(), event);
     }
     if (request.IsAhead()) {
         return -1;
@@ -87,11 +86,11 @@ static int SignalInitWhenDue(const char *text, const char *event, int syncs, int
 }
 
 int TQ_WatchdogReboot(const char *text) {
-    return SignalInitWhenDue(text, "reboot", 2, SIGTERM, __func__);
+    return SignalInitWhenDue(text, "reboot", 2, SIGTERM, TQ_ORIGIN(__func__));
 }
 
 int TQ_WatchdogShutdown(const char *text) {
-    return SignalInitWhenDue(text, "shutdown", 1, SIGUSR1, __func__);
+    return SignalInitWhenDue(text, "shutdown", 1, SIGUSR1, TQ_ORIGIN(__func__));
 }
 
 // Reads the command as a format text that has no arguments.
@@ -109,8 +108,7 @@ static void ExpandCommand(const char *text, char *command, size_t size) {
 [[noreturn]] static void RunInChild(const char *command, int64_t due) {
     // system() waits for its shell, which TQ_Watchdog's own way with children would not allow.
     signal(SIGCHLD, SIG_DFL);
-    TQ_LOG_FOR((MessageOrigin{kSource, "TQ_WatchdogRerun"}), "Child : Rerun [%s] at %" PRId64 "\n",
-               command, due);
+    TQ_LOG_FOR(TQ_ORIGIN("TQ_WatchdogRerun"), "Child : Rerun [%s] at %" PRId64 "\n", command, due);
     fflush(stdout);
     // Whatever the daemon's launcher left open is not the command's to read or write.
     COM_CloseFdExceptSTD(getpid());

@@ -12,7 +12,7 @@
 #include "unit/net_info.h"
 
 static constexpr char kSource[] = "TQ";
-static constexpr MessageOrigin kParserOrigin{kSource, "TQ_ParserPackage"};
+static constexpr MessageOrigin kParserOrigin = TQ_ORIGIN("TQ_ParserPackage");
 static constexpr char kEthernetPrefix[] = "eth";
 
 // Encodes a package and returns its size; 0 when there is no such package.
@@ -29,7 +29,7 @@ static size_t Encode(int type, const UnitInfo &own, const UnitInfo *info, char *
             TQ_LOG_UNNAMED("invalid pInfo for TQ_PACKAGE_NETWORK_SETUP pkg!\n");
             return 0;
         default:
-            TQ_LOG_FOR((MessageOrigin{kSource, "TQ_CreatePackage"}), "Undefined type = %d\n", type);
+            TQ_LOG_FOR(TQ_ORIGIN("TQ_CreatePackage"), "Undefined type = %d\n", type);
             return 0;
     }
 }

@@ -2,19 +2,20 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "common/clock.h"
 #include "frame/message.h"
 
+static constexpr char kSource[] = "TQ";
 static constexpr int64_t kLongestWait = 5000000;  // microseconds
 
 namespace discovery {
 
 // Says what a receiving call says whose time is over.
 void WaitingConnections::GiveUp(Place *place) {
-    TQ_LOG_FOR((MessageOrigin{"TQ", "TQ_Server_MORA"}), "recv() error : %s\n", strerror(EAGAIN));
+    errno = EAGAIN;
+    TQ_LOG_FOR(TQ_ORIGIN("TQ_Server_MORA"), "recv() error : %m\n");
     *place = {};
 }
 

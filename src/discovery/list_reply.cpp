@@ -8,7 +8,8 @@
 
 using discovery::ListReply;
 
-static constexpr MessageOrigin kOrigin{"TQ", "TQ_Server_MORA"};
+static constexpr char kSource[] = "TQ";
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("TQ_Server_MORA");
 
 // The reply reports this unit as it is on its first interface, wherever the request came in.
 static constexpr char kListDevice[] = "eth0";

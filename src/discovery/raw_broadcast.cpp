@@ -20,7 +20,7 @@
 
 static constexpr char kSource[] = "COMMON";
 
-static constexpr MessageOrigin kSenderOrigin{kSource, "COM_SendUDPBroadcast"};
+static constexpr MessageOrigin kSenderOrigin = TQ_ORIGIN("COM_SendUDPBroadcast");
 
 namespace {
 

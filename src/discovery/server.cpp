@@ -21,7 +21,7 @@
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
-static constexpr MessageOrigin kOrigin{kSource, "TQ_Server_MORA"};
+static constexpr MessageOrigin kOrigin = TQ_ORIGIN("TQ_Server_MORA");
 
 // How long a TCP client may keep the server waiting for its reading.
 static constexpr int kClientSeconds = 5;

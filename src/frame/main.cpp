@@ -42,7 +42,7 @@ struct Options {
 
 // Returns 0, or -1 after a bad option.
 static int ReadOptions(int argc, char **argv, Options *options, TQ_Cfg *cfg) {
-    static constexpr MessageOrigin kOrigin{kSource, "main"};
+    static constexpr MessageOrigin kOrigin = TQ_ORIGIN("main");
     int status = 0;
     int option;
     while ((option = getopt(argc, argv, "DP:I:F:C:W")) != -1) {

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "common/owners.h"
 #include "common/utf8.h"
@@ -26,7 +27,8 @@ unsigned COM_CountMessages() {
     return messages;
 }
 
-int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
+static int Print(const char *file, int line, const char *function, const char *format,
+                 va_list arguments) {
     const ErrnoKept kept;
     ++messages;
     size_t size = 256;
@@ -35,11 +37,11 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
         return -1;
     }
     while (text) {
-        va_list arguments;
-        va_start(arguments, format);
+        va_list afresh;
+        va_copy(afresh, arguments);
         errno = kept.value;  // what %m tells of, whatever the memory has made of it
-        const int length = vsnprintf(text.get(), size, format, arguments);
-        va_end(arguments);
+        const int length = vsnprintf(text.get(), size, format, afresh);
+        va_end(afresh);
         if (length >= 0 && static_cast<size_t>(length) < size) {
             break;
         }
@@ -60,4 +62,22 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
     }
     return printf("%s,%d:%s(): %s", file, line, function ? function : "",
                   text ? text.get() : "Failed to print");
+}
+
+int COM_Message(const char *file, int line, const char *function, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = Print(file, line, function, format, arguments);
+    va_end(arguments);
+    return written;
+}
+
+int frame::Report(MessageOrigin origin, int line, const char *format, ...) {
+    const char *function = origin + strlen(origin) + 1;
+    va_list arguments;
+    va_start(arguments, format);
+    const int written =
+        Print(origin, line, *function != '\0' ? function : nullptr, format, arguments);
+    va_end(arguments);
+    return written;
 }

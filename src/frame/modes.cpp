@@ -40,7 +40,7 @@ static unsigned ParseBrand(const char *text) {
 unsigned frame::ReadBrand(const char *path) {
     TextFile file(path);
     if (!file) {
-        TQ_LOG_FOR((MessageOrigin{kSource, "TQ_Server"}), "fopen(\"%s\") failed: %m\n", path);
+        TQ_LOG_FOR(TQ_ORIGIN("TQ_Server"), "fopen(\"%s\") failed: %m\n", path);
         return 0;
     }
     unsigned brand = 0;

@@ -22,7 +22,7 @@ int KIRVEX_Reply_UserVerification(const char *device, int sock, const sockaddr_i
     const kx::DecodedCredentials<2> credentials(request);
     reply.Set(kx::kUserPrivilege,
               kx::IsAdministrator(credentials[0]) ? kx::kAdministrator : kx::kOrdinaryUser);
-    return reply.Send(sock, sender, {kSource, __func__});
+    return reply.Send(sock, sender, TQ_ORIGIN(__func__));
 }
 
 static int CheckCharacters(const char *text, const char *allowed) {
@@ -93,6 +93,6 @@ int KIRVEX_Reply_ChangeIDPwd(const char *device, int sock, const sockaddr_in &se
     if (CheckTexts(texts, reply)) {
         SubmitChange(port.text, current, texts.At(kNewAccount), sessionId, reply);
     }
-    kx::ReleaseWebSession(port.text, current, sessionId, {kSource, __func__});
-    return reply.Send(sock, sender, {kSource, __func__});
+    kx::ReleaseWebSession(port.text, current, sessionId, TQ_ORIGIN(__func__));
+    return reply.Send(sock, sender, TQ_ORIGIN(__func__));
 }

@@ -33,9 +33,7 @@ namespace {
 // The wait for replies, one second in all.
 class ReplyWait {
   public:
-    explicit ReplyWait(const MessageOrigin &origin) : origin_(origin) {
-        gettimeofday(&last_, nullptr);
-    }
+    explicit ReplyWait(MessageOrigin origin) : origin_(origin) { gettimeofday(&last_, nullptr); }
 
     // Waits until a datagram is there; false when the time is over.
     bool Next(int sock) {
@@ -94,7 +92,7 @@ struct ReceivedReply {
 
 }  // namespace
 
-static bool IsSearchReply(const ReceivedReply &reply, const MessageOrigin &origin) {
+static bool IsSearchReply(const ReceivedReply &reply, MessageOrigin origin) {
     if (!reply.IsReply()) {
         TQ_LOG_FOR(origin, "[0X%04X] - Not KIRVEX reply packet\n",
                    kx::ReadInteger(reply.packet, kx::kIdentifier));
@@ -137,7 +135,7 @@ static UnitInfo DescribeUnit(kx::AnyReply packet) {
 }
 
 int KIRVEX_DevSearch(const char *device, UnitInfo **list) {
-    const MessageOrigin origin{kSource, __func__};
+    const MessageOrigin origin = TQ_ORIGIN(__func__);
     uint8_t request[kx::kHeaderSize];
     kx::WriteSearch(request);
     UniqueFd sock;
@@ -190,7 +188,7 @@ static void WriteRequest(std::span<uint8_t, kx::kSetRequestSize> request, in_add
                          false});
 }
 
-static bool IsAcceptance(const ReceivedReply &reply, const MessageOrigin &origin) {
+static bool IsAcceptance(const ReceivedReply &reply, MessageOrigin origin) {
     if (!reply.IsReply()) {
         return false;
     }
@@ -209,7 +207,7 @@ static bool IsAcceptance(const ReceivedReply &reply, const MessageOrigin &origin
 }
 
 int KIRVEX_SetBasicInfo(const char *device, const char *target, const UnitInfo *unit) {
-    const MessageOrigin origin{kSource, __func__};
+    const MessageOrigin origin = TQ_ORIGIN(__func__);
     in_addr address;
     if (inet_aton(target, &address) == 0) {
         return -1;

@@ -11,8 +11,7 @@
 
 namespace kx {
 
-static bool SetOption(int sock, int option, const void *value, size_t size,
-                      const MessageOrigin &origin) {
+static bool SetOption(int sock, int option, const void *value, size_t size, MessageOrigin origin) {
     if (setsockopt(sock, SOL_SOCKET, option, value, static_cast<socklen_t>(size)) == -1) {
         TQ_LOG_FOR(origin, "setsockopt error: %m\n");
         return false;
@@ -20,7 +19,7 @@ static bool SetOption(int sock, int option, const void *value, size_t size,
     return true;
 }
 
-bool OpenSocket(int *sock, const char *device, bool broadcast, const MessageOrigin &origin) {
+bool OpenSocket(int *sock, const char *device, bool broadcast, MessageOrigin origin) {
     *sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (*sock < 0) {
         TQ_LOG_FOR(origin, "socket error: %m\n");
@@ -48,7 +47,7 @@ void WidenSendBuffer(int sock) {
 }
 
 int SendPacket(int sock, const sockaddr_in &peer, std::span<const uint8_t> packet,
-               const MessageOrigin &origin) {
+               MessageOrigin origin) {
     if (sendto(sock, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT, AsSockaddr(peer),
                sizeof peer) == -1) {
         TQ_LOG_FOR(origin, "sendto error: %m\n");

@@ -13,8 +13,7 @@ namespace kx {
 
 // Opens a UDP socket that is tied to an interface, for broadcasts too if wanted. Returns false with
 // a message on failure; *sock may be open all the same.
-[[nodiscard]] bool OpenSocket(int *sock, const char *device, bool broadcast,
-                              const MessageOrigin &origin);
+[[nodiscard]] bool OpenSocket(int *sock, const char *device, bool broadcast, MessageOrigin origin);
 
 // Gives the replies that wait for the hardware addresses of their requesters as much room as the
 // system allows, up to 4 MB: requests from stations that don't exist must not leave others without.
@@ -25,7 +24,7 @@ void WidenSendBuffer(int sock);
 
 // Sends a packet, without waiting for room. Returns 0, or -1 with a message.
 int SendPacket(int sock, const sockaddr_in &peer, std::span<const uint8_t> packet,
-               const MessageOrigin &origin);
+               MessageOrigin origin);
 
 // A reply in the making.
 struct Reply {
@@ -34,7 +33,7 @@ struct Reply {
 
     void Set(Field field, uint32_t value) { WriteInteger(packet, field, value); }
     void Set(Field field, const char *text) { WriteText(packet, field, text); }
-    int Send(int sock, const sockaddr_in &peer, const MessageOrigin &origin) const {
+    int Send(int sock, const sockaddr_in &peer, MessageOrigin origin) const {
         return SendPacket(sock, peer, std::span(packet).first(size), origin);
     }
 };

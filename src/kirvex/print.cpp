@@ -9,8 +9,8 @@ namespace {
 // Prints single fields of a packet in the name of a public function.
 class FieldPrinter {
   public:
-    FieldPrinter(std::span<const uint8_t> packet, const char *function)
-        : packet_(packet), origin_{kSource, function} {}
+    FieldPrinter(std::span<const uint8_t> packet, MessageOrigin origin)
+        : packet_(packet), origin_(origin) {}
 
     void Integer(const char *label, kx::Field field) const {
         TQ_LOG_FOR(origin_, "%s: 0x%0*X\n", label, static_cast<int>(2 * field.size),
@@ -36,7 +36,7 @@ class FieldPrinter {
 }  // namespace
 
 void KIRVEX_PrintHeader(std::span<const uint8_t, kx::kHeaderSize> packet) {
-    const FieldPrinter print(packet, __func__);
+    const FieldPrinter print(packet, TQ_ORIGIN(__func__));
     print.Integer("identifier", kx::kIdentifier);
     print.Integer("sequence number", kx::kSequenceNumber);
     print.Integer("op_code", kx::kOperation);
@@ -47,9 +47,8 @@ void KIRVEX_PrintHeader(std::span<const uint8_t, kx::kHeaderSize> packet) {
     print.Integer("body_len", kx::kBodyLength);
 }
 
-static void PrintSearchReply(kx::AnyReply packet, const char *function) {
-    const FieldPrinter print(packet, function);
-    const MessageOrigin origin{kSource, function};
+static void PrintSearchReply(kx::AnyReply packet, MessageOrigin origin) {
+    const FieldPrinter print(packet, origin);
     print.Text("Brand Name", kx::kBrandName);
     print.Text("Product Name", kx::kProductName);
     print.Text("Model Name", kx::kModelName);
@@ -77,11 +76,11 @@ static void PrintSearchReply(kx::AnyReply packet, const char *function) {
 }
 
 void KIRVEX_PrintReplyPkt(kx::AnyReply packet) {
-    const FieldPrinter print(packet, __func__);
+    const FieldPrinter print(packet, TQ_ORIGIN(__func__));
     KIRVEX_PrintHeader(packet.first<kx::kHeaderSize>());
     switch (kx::ReadInteger(packet, kx::kOperation)) {
         case kx::kDevSearch:
-            PrintSearchReply(packet, __func__);
+            PrintSearchReply(packet, TQ_ORIGIN(__func__));
             break;
         case kx::kSetBasicInfo:
         case kx::kChangeIDPwd:

@@ -64,11 +64,11 @@ int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &send
     // The status goes out as it is: 1, or, for a fixed address, the byte 0xFF that -1 leaves here.
     reply.Set(setting(kx::kDhcp), static_cast<uint32_t>(KIRVEX_GetDHCPStatus(device)));
     SetNow(reply);
-    return reply.Send(sock, sender, {kSource, __func__});
+    return reply.Send(sock, sender, TQ_ORIGIN(__func__));
 }
 
 int KIRVEX_Reply_QuerySupportedOptFns(const char *device, int sock, const sockaddr_in &sender,
                                       kx::Request request) {
     return kx::StartReply(device, sock, request, kx::kHeaderSize)
-        .Send(sock, sender, {kSource, __func__});
+        .Send(sock, sender, TQ_ORIGIN(__func__));
 }

@@ -18,7 +18,7 @@
 static constexpr char kSource[] = "KIRVEX";
 
 int KIRVEX_CreateUDPRecvAnyAddrSocket(const char *device, int, int *sock, sockaddr_in *address) {
-    if (!kx::OpenSocket(sock, device, true, {kSource, __func__})) {
+    if (!kx::OpenSocket(sock, device, true, TQ_ORIGIN(__func__))) {
         return -1;
     }
     *address = InternetAddress(INADDR_ANY, kx::kPort);

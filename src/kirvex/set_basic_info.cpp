@@ -61,7 +61,7 @@ static config::StanzaOutcome WriteWanted(int out, void *context) {
 }
 
 int KIRVEX_NetWorkSetup(const char *device, kx::SettingsBlock settings) {
-    NewStanza wanted{device, settings, {kSource, __func__}};
+    NewStanza wanted{device, settings, TQ_ORIGIN(__func__)};
     return config::ReplaceStanza(
         {kx::kOwnInterfaces, device, WriteWanted, &wanted, wanted.origin, false});
 }
@@ -74,7 +74,7 @@ static bool NamesThisModel(kx::SettingsBlock settings) {
 
 // Logs in, writes the settings and logs out again. Returns whether they were written.
 static bool Apply(const char *device, const kx::Account &account, kx::SettingsBlock settings,
-                  kx::Reply &reply, const MessageOrigin &origin) {
+                  kx::Reply &reply, MessageOrigin origin) {
     const kx::WebPort port = kx::ReadWebPort();
     char sessionId[kx::kSessionIdSize] = {};
     bool written = false;
@@ -96,7 +96,7 @@ static bool Apply(const char *device, const kx::Account &account, kx::SettingsBl
 
 int KIRVEX_Reply_SetBasicInfo(const char *device, int sock, const sockaddr_in &sender,
                               kx::Request request) {
-    const MessageOrigin origin{kSource, __func__};
+    const MessageOrigin origin = TQ_ORIGIN(__func__);
     kx::Reply reply = kx::StartReply(device, sock, request, kx::kStatusReplySize);
     const kx::DecodedCredentials<2> credentials(request);
     const kx::Account account = credentials.At(0);

@@ -144,7 +144,7 @@ int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const kx::Accou
 }
 
 void kx::ReleaseWebSession(const char *port, const Account &account, const char *sessionId,
-                           const MessageOrigin &origin) {
+                           MessageOrigin origin) {
     const KickArgument argument(sessionId);
     if (KIRVEX_AppwebForceKick(kWebServerHost, port, account, argument.text) == -1) {
         TQ_LOG_FOR(origin, "break connection failed - ip[%s] kickArg[%s]\n", kWebServerHost,

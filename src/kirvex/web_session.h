@@ -36,6 +36,6 @@ namespace kx {
 
 // Releases the session of an operation, with a message when that fails.
 void ReleaseWebSession(const char *port, const Account &account, const char *sessionId,
-                       const MessageOrigin &origin);
+                       MessageOrigin origin);
 
 }  // namespace kx

@@ -18,7 +18,7 @@ static constexpr size_t kCredentialsSize = 80;
 static constexpr size_t kSchemeSize = 256;
 static constexpr size_t kHashedTextSize = 4 * sizeof(HttpAuthInfo);
 static constexpr char kNonceCount[] = "00000001";
-static constexpr MessageOrigin kGenerate{kSource, "COM_GenHttpAuthStr"};
+static constexpr MessageOrigin kGenerate = TQ_ORIGIN("COM_GenHttpAuthStr");
 
 namespace {
 

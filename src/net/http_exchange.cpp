@@ -24,8 +24,8 @@
 #include "net/dns.h"
 
 static constexpr char kSource[] = "COMMON";
-static constexpr MessageOrigin kRequest{kSource, "COM_SubGetPostHttpContent"};
-static constexpr MessageOrigin kSend{kSource, "COM_SubSendHttpCmd"};
+static constexpr MessageOrigin kRequest = TQ_ORIGIN("COM_SubGetPostHttpContent");
+static constexpr MessageOrigin kSend = TQ_ORIGIN("COM_SubSendHttpCmd");
 static constexpr int kHostSize = 80;
 static constexpr uint16_t kHttpPort = 80;
 static constexpr size_t kReceiveSize = 4096;

@@ -128,11 +128,11 @@ const char *COM_ConvertNetDevName(const char *name) {
 }
 
 int unit::FactSource::Request(unsigned long code, const char *device, ifreq *request,
-                              const char *function) {
+                              MessageOrigin origin) {
     if (lent_ < 0 && !own_) {
         own_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         if (!own_) {
-            TQ_LOG_FOR((MessageOrigin{kSource, function}), "socket() error : %m\n");
+            TQ_LOG_FOR(origin, "socket() error : %m\n");
             errno = 0;
             return -1;
         }
@@ -167,10 +167,10 @@ static size_t FirstMacByte(int selector) {
 }
 
 static int GetMac(unit::FactSource &facts, int selector, const char *device, void *output) {
-    static constexpr MessageOrigin kOrigin{kSource, "COM_GetMAC"};
+    static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_GetMAC");
     ifreq request;
     HardwareAddress mac{};
-    const int result = facts.Request(SIOCGIFHWADDR, device, &request, kOrigin.function);
+    const int result = facts.Request(SIOCGIFHWADDR, device, &request, kOrigin);
     if (result == 0) {
         memcpy(mac.data(), request.ifr_hwaddr.sa_data, kMacSize);
     } else if (errno != 0) {
@@ -223,7 +223,7 @@ int COM_GetArpMAC(int selector, const char *address, void *output) {
 }
 
 static int GetAddress(unit::FactSource &facts, int selector, const char *device, void *output) {
-    static constexpr MessageOrigin kOrigin{kSource, "COM_SubGetNetInfo"};
+    static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_SubGetNetInfo");
     static constexpr unsigned long kRequests[] = {SIOCGIFADDR, SIOCGIFBRDADDR, SIOCGIFNETMASK};
     static constexpr AddressForm kForms[] = {AddressForm::kText, AddressForm::kPadded,
                                              AddressForm::kRaw};
@@ -235,7 +235,7 @@ static int GetAddress(unit::FactSource &facts, int selector, const char *device,
     const unsigned long code = kRequests[index / 3];
     const AddressForm form = kForms[index % 3];
     ifreq request;
-    if (facts.Request(code, device, &request, kOrigin.function) != 0) {
+    if (facts.Request(code, device, &request, kOrigin) != 0) {
         // An interface without an address is nothing to report.
         if (errno != 0 && errno != EADDRNOTAVAIL) {
             TQ_LOG_FOR(kOrigin, "ioctl(%d:%s) error : %m\n", static_cast<int>(code), device);
@@ -312,7 +312,7 @@ static bool ReadNameServer(TextFile &file, ServerText &server) {
 // A file that isn't there names nobody.
 static void ReportResolver() {
     if (errno != ENOENT) {
-        TQ_LOG_FOR((MessageOrigin{kSource, "COM_SubGetDNS"}), "fopen(%s) : %m\n", kResolver);
+        TQ_LOG_FOR(TQ_ORIGIN("COM_SubGetDNS"), "fopen(%s) : %m\n", kResolver);
     }
 }
 
@@ -360,9 +360,9 @@ void unit::GetNameServers(std::span<uint8_t, 4> first, std::span<uint8_t, 4> sec
 }
 
 static int GetMtu(unit::FactSource &facts, const char *device, void *output) {
-    static constexpr MessageOrigin kOrigin{kSource, "COM_GetMTU"};
+    static constexpr MessageOrigin kOrigin = TQ_ORIGIN("COM_GetMTU");
     ifreq request;
-    if (facts.Request(SIOCGIFMTU, device, &request, kOrigin.function) != 0) {
+    if (facts.Request(SIOCGIFMTU, device, &request, kOrigin) != 0) {
         if (errno != 0) {
             TQ_LOG_FOR(kOrigin, "ioctl() error : %m\n");
         }
@@ -409,8 +409,7 @@ int unit::FactSource::Get(int selector, const char *device, void *output) {
         return GetMtu(*this, device, output);
     }
     memcpy(output, "unknown", sizeof "unknown");
-    TQ_LOG_FOR((MessageOrigin{kSource, "COM_GetNetInfo"}), "flag(%d) not implemented yet.\n",
-               selector);
+    TQ_LOG_FOR(TQ_ORIGIN("COM_GetNetInfo"), "flag(%d) not implemented yet.\n", selector);
     return -1;
 }
 

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "common/owners.h"
+#include "frame/message.h"
 
 // Which fact COM_GetNetInfo returns, and in which form. Texts are terminated; the output must hold
 // 24 bytes for a MAC text, 16 for an address text, 6 for a raw MAC, 4 for a raw address (network
@@ -92,8 +93,8 @@ class FactSource {
     int Get(int selector, const char *device, void *output);
 
     // Asks the kernel for one fact of `device`. Returns 0, or -1 with errno set; a socket that
-    // can't be had is reported here, in the name of `function`, and leaves errno 0.
-    int Request(unsigned long code, const char *device, ifreq *request, const char *function);
+    // can't be had is reported here, in the name of `origin`, and leaves errno 0.
+    int Request(unsigned long code, const char *device, ifreq *request, MessageOrigin origin);
 
   private:
     int lent_;

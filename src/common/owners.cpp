@@ -1,6 +1,5 @@
 #include "common/owners.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,21 +9,6 @@ void COM_CloseFd(int *descriptor) {
         close(*descriptor);
         *descriptor = -1;
     }
-}
-
-UniqueFile OpenFile(const char *path, const char *mode) {
-    char closing[8];
-    snprintf(closing, sizeof closing, "%se", mode);
-    return UniqueFile(fopen(path, closing));
-}
-
-UniqueFile OpenWithoutWaiting(const char *path, int flags, const char *mode) {
-    UniqueFd descriptor(open(path, flags | O_CLOEXEC | O_NONBLOCK, 0666));
-    UniqueFile file(descriptor ? fdopen(descriptor.get(), mode) : nullptr);
-    if (file) {
-        static_cast<void>(descriptor.release());
-    }
-    return file;
 }
 
 bool IsOrdinaryEntry(const dirent &entry) {

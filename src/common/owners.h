@@ -62,13 +62,6 @@ struct FileClose {
 
 using UniqueFile = std::unique_ptr<FILE, FileClose>;
 
-// fopen with close-on-exec; empty with errno set on failure.
-UniqueFile OpenFile(const char *path, const char *mode);
-
-// A stream over what open makes of `flags`; a pipe does not hold the caller until somebody opens or
-// writes it. Empty with errno set on failure.
-UniqueFile OpenWithoutWaiting(const char *path, int flags, const char *mode);
-
 // One open directory.
 struct DirectoryClose {
     void operator()(DIR *directory) const { closedir(directory); }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 static constexpr char kKernelTables[] = "/proc/";
 
@@ -13,6 +14,8 @@ static constexpr char kKernelTables[] = "/proc/";
 TextFile::TextFile(const char *path)
     : file_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)),
       comesInPieces_(strncmp(path, kKernelTables, strlen(kKernelTables)) == 0) {}
+
+TextFile::TextFile(UniqueFd file) : file_(std::move(file)), comesInPieces_(true) {}
 
 bool TextFile::ReadBlock() {
     if (ended_) {
@@ -26,7 +29,7 @@ bool TextFile::ReadBlock() {
     return count > 0;
 }
 
-bool TextFile::ReadPiece(char *line, size_t size) {
+size_t TextFile::ReadPiece(char *line, size_t size) {
     size_t length = 0;
     while (length < size - 1 && (next_ < end_ || ReadBlock())) {
         const size_t most = std::min(end_ - next_, size - 1 - length);
@@ -41,5 +44,5 @@ bool TextFile::ReadPiece(char *line, size_t size) {
         }
     }
     line[length] = '\0';
-    return length > 0 && !failed_;
+    return failed_ ? 0 : length;
 }

@@ -11,17 +11,26 @@ class TextFile {
   public:
     // Converts to false, with errno set, when the file can't be opened.
     explicit TextFile(const char *path);
+    // Reads a file that is open already for as long as it gives anything.
+    explicit TextFile(UniqueFd file);
     explicit operator bool() const { return static_cast<bool>(file_); }
 
     // Reads the next line, or kSize - 1 characters of it, as fgets does. One that a read error cuts
     // is none.
     template <size_t kSize>
     [[nodiscard]] bool ReadLine(char (&line)[kSize]) {
-        return left_-- > 0 && ReadPiece(line, kSize);
+        return left_-- > 0 && ReadPiece(line, kSize) > 0;
     }
 
+    // The same of a file of any length, and with zero bytes in its lines: returns how many there
+    // are before the terminator, 0 at the end.
+    [[nodiscard]] size_t ReadPiece(char *line, size_t size);
+
+    // Whether the end was none: the file could not be read on, which errno explains.
+    bool Failed() const { return failed_; }
+    int descriptor() const { return file_.get(); }
+
   private:
-    bool ReadPiece(char *line, size_t size);
     bool ReadBlock();
 
     UniqueFd file_;

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "common/owners.h"
+#include "common/text.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "COMMON";
@@ -111,7 +112,7 @@ static int SplitWords(char *line, std::array<char *, kMaxWords + 1> *words) {
 }
 
 int COM_ParserCMD(const char *command) {
-    const HeapBlock<char> line(strdup(command));
+    const HeapBlock<char> line = FormatText("%s", command);
     std::array<char *, kMaxWords + 1> words{};
     int result = -1;
     const int count = line ? SplitWords(line.get(), &words) : -1;

@@ -1,11 +1,12 @@
 #include "config/config_file.h"
 
+#include <fcntl.h>
 #include <strings.h>
 
 #include <cstring>
 
-#include "common/owners.h"
 #include "common/text.h"
+#include "common/text_file.h"
 #include "frame/message.h"
 
 static constexpr char kSource[] = "TQ";
@@ -58,14 +59,14 @@ int TQ_ParsetCfg(TQ_Cfg *cfg) {
         return -1;
     }
     // Read once, at the start, and possibly from a pipe on purpose: one that is waited for.
-    const UniqueFile file = OpenFile(cfg->pCfgFile, "r");
+    TextFile file{UniqueFd(open(cfg->pCfgFile, O_RDONLY | O_CLOEXEC))};
     if (!file) {
         TQ_LOG("fopen(%s) error : %m\n", cfg->pCfgFile);
         return -1;
     }
     TQ_LOG("pCfgFile = [%s]\n", cfg->pCfgFile);
     char line[128];
-    while (fgets(line, sizeof line, file.get())) {
+    while (file.ReadLine(line)) {
         ApplyLine(line, cfg, TQ_ORIGIN(__func__));
     }
     return 0;

@@ -28,46 +28,48 @@ TerminationHeld::~TerminationHeld() {
 }
 
 InPlaceEdit::InPlaceEdit(const char *path, const InPlaceEditRules &rules, MessageOrigin origin)
-    : path_(path), rules_(rules), origin_(origin) {
-    CopyText(temporary_, rules.temporaryFile);
-    // It stays open: the same name may stand for somebody else's file a moment later.
-    copy_.reset(mkostemp(temporary_, O_CLOEXEC));
-    if (!copy_) {
+    : path_(path), rules_(rules), origin_(origin), copy_(OpenCopy()), original_(OpenOriginal()) {}
+
+// It stays open: the same name may stand for somebody else's file a moment later.
+UniqueFd InPlaceEdit::OpenCopy() {
+    CopyText(temporary_, rules_.temporaryFile);
+    UniqueFd copy(mkostemp(temporary_, O_CLOEXEC));
+    if (!copy) {
         temporary_[0] = '\0';
-        if (!rules.goesOnWithoutCopy) {
-            return;
+        if (rules_.goesOnWithoutCopy) {
+            TQ_LOG_FOR(origin_, "mkstemp() failed : %m\n");
         }
-        TQ_LOG_FOR(origin_, "mkstemp() failed : %m\n");
     }
-    original_ = OpenWithoutWaiting(path_, O_RDWR, "r+");
-    if (!original_ && rules.createsMissing && errno == ENOENT) {
-        original_ = OpenWithoutWaiting(path_, O_RDWR | O_CREAT | O_TRUNC, "w+");
+    return copy;
+}
+
+UniqueFd InPlaceEdit::OpenOriginal() const {
+    if (!copy_ && !rules_.goesOnWithoutCopy) {
+        return {};
     }
-    if (!original_) {
+    // Without O_NONBLOCK a pipe in the file's place could hold the program.
+    static constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NONBLOCK;
+    UniqueFd original(open(path_, kFlags));
+    if (!original && rules_.createsMissing && errno == ENOENT) {
+        original.reset(open(path_, kFlags | O_CREAT | O_TRUNC, 0666));
+    }
+    if (!original) {
         TQ_LOG_FOR(origin_, "fopen(%s) failed : %m\n", path_);
     }
+    return original;
 }
 
 InPlaceEdit::~InPlaceEdit() {
-    copy_.reset();
-    original_.reset();
     if (temporary_[0] != '\0' && unlink(temporary_) == -1) {
         TQ_LOG_FOR(origin_, "unlink(%s) failed : %m\n", temporary_);
     }
 }
 
 size_t InPlaceEdit::ReadLine(char *line, size_t size) {
-    size_t length = 0;
-    int byte = 0;
-    while (length < size - 1 && byte != '\n' && (byte = getc(original_.get())) != EOF) {
-        line[length++] = static_cast<char>(byte);
-    }
-    line[length] = '\0';
-    if (ferror(original_.get())) {
+    const size_t length = original_.ReadPiece(line, size);
+    if (ReadFailed()) {
         // Whoever took this for the end would cut the file to what could be read.
         TQ_LOG_FOR(origin_, "fgets(%s) failed : %m\n", path_);
-        readFailed_ = true;
-        return 0;
     }
     return length;
 }
@@ -142,8 +144,7 @@ off_t InPlaceEdit::WriteOver(int file, off_t position, off_t textSize, off_t siz
 }
 
 bool InPlaceEdit::CopyBack(bool report) {
-    // Past the stream's buffer, so that a full disk is noticed at the write that it refuses.
-    const int file = fileno(original_.get());
+    const int file = original_.descriptor();
     const off_t before = SizeOf(file);
     const off_t after = SizeOf(copy());
     // A power failure between a text and its length would leave that text cut, or with the end of
@@ -165,13 +166,12 @@ bool InPlaceEdit::CopyBack(bool report) {
 }
 
 bool InPlaceEdit::Cut() {
-    return (original_ ? ftruncate(fileno(original_.get()), length_) : truncate(path_, length_)) ==
-           0;
+    return (original_ ? ftruncate(original_.descriptor(), length_) : truncate(path_, length_)) == 0;
 }
 
 bool InPlaceEdit::Sync() {
     // A file that no disk is behind can't be synchronized, and need not be.
-    if (fsync(fileno(original_.get())) == 0 || errno == EINVAL) {
+    if (fsync(original_.descriptor()) == 0 || errno == EINVAL) {
         return true;
     }
     TQ_LOG_FOR(origin_, "fsync(%s) error : %m\n", path_);

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "common/owners.h"
+#include "common/text_file.h"
 #include "frame/message.h"
 
 namespace config {
@@ -50,7 +51,7 @@ class InPlaceEdit {
     // hold zero bytes. Returns its length; 0 at the end, and when the file can't be read, which
     // ReadFailed tells.
     [[nodiscard]] size_t ReadLine(char *line, size_t size);
-    bool ReadFailed() const { return readFailed_; }
+    bool ReadFailed() const { return original_.Failed(); }
 
     // The descriptor that the new text goes to.
     int copy() const { return copy_.get(); }
@@ -74,6 +75,8 @@ class InPlaceEdit {
     off_t length() const { return length_; }
 
   private:
+    UniqueFd OpenCopy();
+    UniqueFd OpenOriginal() const;
     void ReportWrite(const char *line, size_t length) const;
     void ReportCopyBack() const;
     // Writes the first `textSize` bytes of the copy, and empty lines behind them, between two
@@ -86,8 +89,7 @@ class InPlaceEdit {
     MessageOrigin origin_;
     char temporary_[32];
     UniqueFd copy_;
-    UniqueFile original_;
-    bool readFailed_ = false;
+    TextFile original_;
     off_t length_ = 0;
 };
 

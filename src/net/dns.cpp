@@ -155,8 +155,7 @@ int DNS_SendAQuery(int sock, const struct sockaddr_in *server, const char *name,
             continue;
         }
         // A datagram with a bad checksum wakes the wait and is gone afterwards: don't block on it.
-        const int received = static_cast<int>(
-            recvfrom(sock, reply, sizeof reply - 1, MSG_DONTWAIT, nullptr, nullptr));
+        const int received = static_cast<int>(recv(sock, reply, sizeof reply - 1, MSG_DONTWAIT));
         uint32_t start;
         memcpy(&start, reply, sizeof start);
         if (start == kFinalRefusal) {

@@ -1,6 +1,5 @@
 #include "net/http_exchange.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -13,6 +12,7 @@
 #include <cstring>
 #include <span>
 
+#include "common/address.h"
 #include "common/buffer.h"
 #include "common/clock.h"
 #include "common/identification.h"
@@ -247,11 +247,9 @@ static bool Connect(int sock, const sockaddr_in &server, const char *shownPath, 
     if (CallToTheEnd([&] { return connect(sock, AsSockaddr(server), sizeof server); }) == 0) {
         return true;
     }
-    const int error = errno;
     char address[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &server.sin_addr, address, sizeof address);
-    TQ_LOG_FOR(kSend, "connect(%s:%d) error : %s\n", address, ntohs(server.sin_port),
-               strerror(error));
+    WriteDottedAddress(server.sin_addr, address);
+    TQ_LOG_FOR(kSend, "connect(%s:%d) error : %m\n", address, ntohs(server.sin_port));
     TQ_LOG_FOR(kSend, "Fail to send [%s]\n", shownPath);
     return false;
 }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <span>
 
+#include "common/wire.h"
+
 namespace kx {
 
 // A field of a packet. Integers are little-endian, IPv4 addresses in network order, a MAC is in
@@ -129,21 +131,31 @@ inline SettingsBlock SettingsOf(Request request) {
 // The field must lie within the packet in all of the following.
 
 // Reads or writes an integer field of at most 4 bytes.
-uint32_t ReadInteger(std::span<const uint8_t> packet, Field field);
-void WriteInteger(std::span<uint8_t> packet, Field field, uint32_t value);
+inline uint32_t ReadInteger(std::span<const uint8_t> packet, Field field) {
+    return ReadLittleEndian(packet.data() + field.offset, field.size);
+}
+inline void WriteInteger(std::span<uint8_t> packet, Field field, uint32_t value) {
+    WriteLittleEndian(packet.data() + field.offset, field.size, value);
+}
 
 inline uint32_t ReadInteger(SettingsBlock settings, SettingsField field) {
     return ReadInteger(settings, field.In(0));
 }
 
 // Writes a text field of a zeroed packet, cut where the field ends.
-void WriteText(std::span<uint8_t> packet, Field field, const char *text);
+void WriteText(uint8_t *bytes, size_t size, const char *text);
+inline void WriteText(std::span<uint8_t> packet, Field field, const char *text) {
+    WriteText(packet.data() + field.offset, field.size, text);
+}
 
 // An IPv4 address field as dotted text.
 struct AddressText {
     char text[16];
 };
-AddressText ReadAddress(std::span<const uint8_t> packet, Field field);
+AddressText ReadAddress(const uint8_t *bytes);
+inline AddressText ReadAddress(std::span<const uint8_t> packet, Field field) {
+    return ReadAddress(packet.data() + field.offset);
+}
 
 inline AddressText ReadAddress(SettingsBlock settings, SettingsField field) {
     return ReadAddress(settings, field.In(0));
@@ -153,7 +165,10 @@ inline AddressText ReadAddress(SettingsBlock settings, SettingsField field) {
 struct MacText {
     char text[18];
 };
-MacText ReadMac(std::span<const uint8_t> packet, Field field);
+MacText ReadMac(const uint8_t *bytes);
+inline MacText ReadMac(std::span<const uint8_t> packet, Field field) {
+    return ReadMac(packet.data() + field.offset);
+}
 
 // Writes all of a header but sequence number, MAC and address into a zeroed packet.
 void WriteHeader(std::span<uint8_t> packet, uint16_t identifier, uint16_t operation, uint16_t mode);

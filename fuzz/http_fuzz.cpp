@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Input input(data, size);
     const bool plainUrl = input.ConsumeIntegralInRange(0, 7) != 0;
     const int method = input.ConsumeIntegralInRange(0, 8);
-    const bool keepHeader = input.ConsumeBool();
+    const auto part = input.ConsumeBool() ? net::HttpPart::kHeaderAndBody : net::HttpPart::kBody;
     const bool withCookie = input.ConsumeBool();
     const bool askScheme = input.ConsumeBool();
     const std::string url = (plainUrl ? kServer : "") + NextText(input);
@@ -28,10 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         askScheme ? COM_GetHttpAuthMethod(url.c_str()) : input.ConsumeIntegralInRange(0, 2);
     CopyText(auth.username, text.c_str());
     CopyText(auth.password, text.c_str());
-    const net::HttpCommand command{method, text.c_str(), keepHeader,
-                                   withCookie ? text.c_str() : nullptr, askScheme};
+    const net::HttpCommand command{method, text.c_str(), withCookie ? text.c_str() : nullptr,
+                                   askScheme};
     char *answer = nullptr;
-    const int length = net::RequestHttp(url.c_str(), &answer, &auth, command, limits);
+    const int length = net::RequestHttp(url.c_str(), &answer, &auth, part, command, limits);
     const HeapBlock<char> owner(answer);
     Require(length <= 0 || (answer && answer[length - 1] == '\0'));
     return 0;

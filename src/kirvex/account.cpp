@@ -8,6 +8,7 @@
 #include "kirvex/web_session.h"
 
 static constexpr char kSource[] = "KIRVEX";
+static constexpr int kAdministratorRow = 0;  // the only row that is ever found
 static constexpr char kDigits[] = "0123456789";
 static constexpr char kAccountCharacters[] =
     "0123456789\tabcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ!@#*-_+=,./";
@@ -76,9 +77,9 @@ static void SubmitChange(const char *port, const kx::Account &current, const kx:
         reply.Set(kx::kMode, kx::kFailure);
         return;
     }
-    const int row = KIRVEX_AppWebGetAccountIdx(kx::kWebServerHost, port, current);
-    if (row < 0 ||
-        KIRVEX_AppwebChangeIDPwd(kx::kWebServerHost, port, current, changed, row, sessionId) != 0) {
+    if (KIRVEX_AppWebGetAccountIdx(kx::kWebServerHost, port, current) != kAdministratorRow ||
+        KIRVEX_AppwebChangeIDPwd(kx::kWebServerHost, port, current, changed, kAdministratorRow,
+                                 sessionId) != 0) {
         Refuse(reply, kx::kErrorRefused);
     }
 }

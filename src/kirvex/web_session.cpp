@@ -40,7 +40,8 @@ static HeapBlock<char> Fetch(const char *url, const kx::Account &account, Scheme
     CopyText(credentials.username, account.name);
     CopyText(credentials.password, account.password);
     char *body = nullptr;
-    const int size = net::RequestHttp(url, &body, &credentials, {}, kLimits);
+    const int size =
+        net::RequestHttp(url, &body, &credentials, net::HttpPart::kBody, net::kHttpPage, kLimits);
     HeapBlock<char> page(body);
     if (size <= 0) {
         page.reset();
@@ -55,7 +56,7 @@ struct KickArgument {
     char text[kLongUrlSize];
 
     explicit KickArgument(const char *sessionId) {
-        snprintf(text, sizeof text, "%s&%s%s", "ITSELF", kSessionKey, sessionId);
+        snprintf(text, sizeof text, "ITSELF&%s%s", kSessionKey, sessionId);
     }
 };
 
@@ -76,7 +77,7 @@ static bool ExtractSessionId(const char *page, char *sessionId, size_t size, boo
 int KIRVEX_AppwebLogin(const char *host, const char *port, const kx::Account &account,
                        char *sessionId, size_t sessionIdSize) {
     char url[128];
-    snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/login");
+    snprintf(url, sizeof url, "%s:%s/auth/login", host, port);
     const HeapBlock<char> page = Fetch(url, account, Scheme::kAsAnnounced);
     if (!page) {
         return -1;
@@ -97,14 +98,14 @@ int KIRVEX_AppwebLogin(const char *host, const char *port, const kx::Account &ac
 int KIRVEX_AppwebForceKick(const char *host, const char *port, const kx::Account &account,
                            const char *kickArgument) {
     char url[kLongUrlSize];
-    snprintf(url, sizeof url, "%s:%s/%s?%s", host, port, "Forcekick.set", kickArgument);
+    snprintf(url, sizeof url, "%s:%s/Forcekick.set?%s", host, port, kickArgument);
     const HeapBlock<char> page = Fetch(url, account, Scheme::kNone);
     return COM_StrNCaseStr(page.get(), kSuccessMark) ? 0 : -1;
 }
 
 int KIRVEX_AppWebGetAccountIdx(const char *host, const char *port, const kx::Account &account) {
     char url[256];
-    snprintf(url, sizeof url, "%s:%s/%s", host, port, "auth/account.get");
+    snprintf(url, sizeof url, "%s:%s/auth/account.get", host, port);
     const HeapBlock<char> page = Fetch(url, account, Scheme::kAsAnnounced);
     // The rows below the header count for nothing: tools rely on every change going to row 0.
     return page && strstr(page.get(), "Privilege</td></tr>") ? 0 : -1;
@@ -122,12 +123,11 @@ int KIRVEX_AppwebChangeIDPwd(const char *host, const char *port, const kx::Accou
     char url[kLongUrlSize];
     if (row != 0) {
         // Without a port: the web server listens for these on the default one.
-        snprintf(url, sizeof url, "%s/%s?%s[%d]=%s&%s[%d]=%s&%s%s", host, "auth/config.set",
-                 kAccountKey, row, changed.name, kPasswordKey, row, changed.password, kSessionKey,
-                 sessionId);
+        snprintf(url, sizeof url, "%s/auth/config.set?%s[%d]=%s&%s[%d]=%s&%s%s", host, kAccountKey,
+                 row, changed.name, kPasswordKey, row, changed.password, kSessionKey, sessionId);
     } else {
-        snprintf(url, sizeof url, "%s:%s/%s?%s[%d]=%s&%s%s", host, port, "auth/config.set",
-                 kPasswordKey, row, changed.password, kSessionKey, sessionId);
+        snprintf(url, sizeof url, "%s:%s/auth/config.set?%s[%d]=%s&%s%s", host, port, kPasswordKey,
+                 row, changed.password, kSessionKey, sessionId);
     }
     const HeapBlock<char> page = Fetch(url, current, Scheme::kAsAnnounced);
     if (!page) {

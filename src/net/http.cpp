@@ -20,26 +20,31 @@ static const char *MethodName(int method) {
     }
 }
 
+static net::HttpPart PartOf(int keepHeader) {
+    return keepHeader != 0 ? net::HttpPart::kHeaderAndBody : net::HttpPart::kBody;
+}
+
 int COM_SubSendHttpCmd(const struct sockaddr_in *server, const char *host,
                        const char *authorization, const char *path, char **result,
                        HttpAuthInfo * /*auth*/, int method, const char *data, int keepHeader,
                        const char *cookie, int https) {
-    const net::HttpCommand command{method, data, keepHeader != 0, cookie, https != 0};
-    return net::ExchangeHttp(*server, host, authorization, path, result, command, net::kHttpLimits);
+    const net::HttpCommand command{method, data, cookie, https != 0};
+    return net::ExchangeHttp(*server, host, authorization, path, result, PartOf(keepHeader),
+                             command, net::kHttpLimits);
 }
 
-int net::RequestHttp(const char *url, char **result, HttpAuthInfo *auth, const HttpCommand &command,
-                     const HttpLimits &limits) {
+int net::RequestHttp(const char *url, char **result, HttpAuthInfo *auth, HttpPart part,
+                     const HttpCommand &command, const HttpLimits &limits) {
     char authorization[kHttpAuthTextSize];
     FormatAuthorization(MethodName(command.method), url, auth, authorization, sizeof authorization,
                         limits);
-    return FetchHttp(url, authorization, result, command, limits);
+    return FetchHttp(url, authorization, result, part, command, limits);
 }
 
 int COM_SubGetPostHttpContent(const char *url, char **result, HttpAuthInfo *auth, int method,
                               const char *data, int keepHeader, const char *cookie, int https) {
-    const net::HttpCommand command{method, data, keepHeader != 0, cookie, https != 0};
-    return net::RequestHttp(url, result, auth, command, net::kHttpLimits);
+    const net::HttpCommand command{method, data, cookie, https != 0};
+    return net::RequestHttp(url, result, auth, PartOf(keepHeader), command, net::kHttpLimits);
 }
 
 int COM_GetHttpContent(const char *url, char **result, HttpAuthInfo *auth) {

@@ -74,7 +74,7 @@ namespace net {
 
 // COM_SubGetPostHttpContent within limits of the caller's choice, which hold for the challenge,
 // too.
-int RequestHttp(const char *url, char **result, HttpAuthInfo *auth, const HttpCommand &command,
-                const HttpLimits &limits);
+int RequestHttp(const char *url, char **result, HttpAuthInfo *auth, HttpPart part,
+                const HttpCommand &command, const HttpLimits &limits);
 
 }  // namespace net

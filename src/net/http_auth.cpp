@@ -57,9 +57,9 @@ HexText::HexText(const char *format, ...) {
 // Fetches a page without authorization, header included. Returns what the exchange does.
 static int FetchUnauthorized(const char *url, const net::HttpLimits &limits,
                              HeapBlock<char> &answer) {
-    const net::HttpCommand command{.keepHeader = true};
     char *text = nullptr;
-    const int result = net::FetchHttp(url, net::kNoAuthorization, &text, command, limits);
+    const int result = net::FetchHttp(url, net::kNoAuthorization, &text,
+                                      net::HttpPart::kHeaderAndBody, net::kHttpPage, limits);
     answer.reset(text);
     return result;
 }

@@ -42,7 +42,8 @@ static HeapBlock<char> BuildRequest(const net::HttpCommand &command, const char 
     if (!get && !form && command.method != HTTP_CMD_POST_MULTIPART) {
         return FormatText("%s", command.method == HTTP_CMD_USER_DEFINED ? data : "");
     }
-    char formLines[96] = "";
+    char formLines[96];
+    formLines[0] = '\0';
     if (form) {
         snprintf(formLines, sizeof formLines,
                  "content-length: %d\r\nContent-Type: application/x-www-form-urlencoded\r\n",
@@ -267,7 +268,7 @@ static int WaitForRoom(int sock, const char *shownPath, timeval remaining) {
 }
 
 int net::ExchangeHttp(const sockaddr_in &server, const char *host, const char *authorization,
-                      const char *path, char **result, const HttpCommand &command,
+                      const char *path, char **result, HttpPart part, const HttpCommand &command,
                       const HttpLimits &limits) {
     const char *shownPath = path ? path : "(null)";
     const Deadline deadline(limits.totalSeconds);
@@ -283,7 +284,7 @@ int net::ExchangeHttp(const sockaddr_in &server, const char *host, const char *a
         TQ_LOG_FOR(kSend, "Warning! trying to send https command w/o ENABLE_SSL_SUPPORT\n");
     }
 
-    Answer answer(result, command.keepHeader);
+    Answer answer(result, part == HttpPart::kHeaderAndBody);
     char block[kReceiveSize];
     std::span<char> buffer(block);
     HeapBlock<char> request;
@@ -314,7 +315,7 @@ int net::ExchangeHttp(const sockaddr_in &server, const char *host, const char *a
     return answer.Finish();
 }
 
-int net::FetchHttp(const char *url, const char *authorization, char **result,
+int net::FetchHttp(const char *url, const char *authorization, char **result, HttpPart part,
                    const HttpCommand &command, const HttpLimits &limits) {
     const char *path = strchr(url, '/');
     char host[kHostSize];
@@ -341,7 +342,7 @@ int net::FetchHttp(const char *url, const char *authorization, char **result,
     for (int i = 0; i < kDnsMaxAddresses && total == -1; ++i) {
         if (entries[i].valid == 1) {
             const sockaddr_in server = InternetAddress(entries[i].addr, port);
-            total = ExchangeHttp(server, host, authorization, path, result, command, limits);
+            total = ExchangeHttp(server, host, authorization, path, result, part, command, limits);
         }
     }
     return total;

@@ -35,10 +35,15 @@ inline constexpr char kNoAuthorization[] = "\r\n";
 struct HttpCommand {
     int method = HTTP_CMD_GET;
     const char *data = nullptr;
-    bool keepHeader = false;
     const char *cookie = nullptr;
     bool https = false;
 };
+// A page. Whoever asks for nothing else does so with this very object: then the compiler leaves out
+// all that other requests need.
+inline constexpr HttpCommand kHttpPage;
+
+// What of the answer is kept.
+enum class HttpPart { kBody, kHeaderAndBody };
 
 // How long an exchange waits for what, and how much it takes.
 struct HttpLimits {
@@ -58,12 +63,12 @@ inline constexpr HttpLimits kHttpLimits;
 // `path` may be null for "/". *result and what is returned are as in net/http.h; 0, not -1, when no
 // socket can be had or the server stays silent.
 int ExchangeHttp(const sockaddr_in &server, const char *host, const char *authorization,
-                 const char *path, char **result, const HttpCommand &command,
+                 const char *path, char **result, HttpPart part, const HttpCommand &command,
                  const HttpLimits &limits);
 
 // Resolves the host of `url` (as in net/http.h) and tries its addresses in turn until one can be
 // connected to.
-int FetchHttp(const char *url, const char *authorization, char **result, const HttpCommand &command,
-              const HttpLimits &limits);
+int FetchHttp(const char *url, const char *authorization, char **result, HttpPart part,
+              const HttpCommand &command, const HttpLimits &limits);
 
 }  // namespace net

@@ -129,9 +129,11 @@ TEST(Http, Answers) {
                 HoldOpen(peer);
             }
         });
-        const net::HttpCommand command{.keepHeader = kind == kKept || kind == kKeptSilent};
-        const Outcome got =
-            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, command, limits));
+        const net::HttpPart part = kind == kKept || kind == kKeptSilent
+                                       ? net::HttpPart::kHeaderAndBody
+                                       : net::HttpPart::kBody;
+        const Outcome got = OBSERVE(
+            net::RequestHttp(server.Url("").c_str(), r, nullptr, part, net::kHttpPage, limits));
         EXPECT_TRUE(got.bytes == stored) << got.bytes.substr(0, 1000);
         EXPECT_EQ(kind == kReset, Holds(got.messages, "recv() = -1 : Connection reset by peer\n"));
         // Two failed waits where the peer is silent, none else; a busy machine may add to both.

@@ -168,8 +168,8 @@ TEST(Http, Bounds) {
             SendBytes(peer, row.start);
             row.goOn(peer);
         });
-        const Outcome got =
-            OBSERVE(net::RequestHttp(server.Url("").c_str(), r, nullptr, {}, row.limits));
+        const Outcome got = OBSERVE(net::RequestHttp(
+            server.Url("").c_str(), r, nullptr, net::HttpPart::kBody, net::kHttpPage, row.limits));
         EXPECT_EQ(got.bytes, std::string(got.bytes.size(), 'x'));
         EXPECT_GE(got.bytes.size(), row.least);
         EXPECT_LE(got.bytes.size(), row.most);

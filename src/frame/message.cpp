@@ -27,8 +27,9 @@ unsigned COM_CountMessages() {
     return messages;
 }
 
-static int Print(const char *file, int line, const char *function, const char *format,
-                 va_list arguments) {
+__attribute__((format(printf, 4, 0))) static int Print(const char *file, int line,
+                                                       const char *function, const char *format,
+                                                       va_list arguments) {
     const ErrnoKept kept;
     ++messages;
     size_t size = 256;

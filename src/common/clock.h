@@ -13,6 +13,6 @@ inline int64_t MonotonicMicroseconds() {
     return int64_t{now.tv_sec} * 1000000 + now.tv_usec;
 }
 
-inline int64_t MonotonicSeconds() {
+inline time_t MonotonicSeconds() {
     return MonotonicTime().tv_sec;
 }

@@ -16,7 +16,11 @@ struct HeapFree {
 template <class T>
 using HeapBlock = std::unique_ptr<T, HeapFree>;
 
-// A zeroed block of `size` bytes; empty when there is no memory.
+// A block of `size` bytes, and a zeroed one; empty when there is no memory.
+template <class T = char>
+HeapBlock<T> NewBlock(size_t size) {
+    return HeapBlock<T>(static_cast<T *>(malloc(size)));
+}
 template <class T = char>
 HeapBlock<T> ZeroedBlock(size_t size) {
     return HeapBlock<T>(static_cast<T *>(calloc(1, size)));

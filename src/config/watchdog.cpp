@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <climits>
@@ -157,7 +156,12 @@ static std::optional<RequestState> StateOf(const char *path) {
 }
 
 bool WatchdogFolder::IsDone(const RequestState &state) const {
-    return std::find(done_.get(), done_.get() + count_, state) != done_.get() + count_;
+    for (const RequestState &old : std::span(done_.get(), count_)) {
+        if (old == state) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void WatchdogFolder::MarkDone(const RequestState &state) {

@@ -165,7 +165,7 @@ int TQ_GetAllUnit(const char *device, UnitInfo **list, const char *filter, uint3
         return -1;
     }
     const size_t size = static_cast<size_t>(total) * sizeof(UnitInfo);
-    const HeapBlock<UnitInfo> merged(static_cast<UnitInfo *>(malloc(size)));
+    const HeapBlock<UnitInfo> merged = NewBlock<UnitInfo>(size);
     if (!merged) {
         TQ_LOG("MALLOC(%d) failed : %m\n", static_cast<int>(size));
         return -1;

@@ -21,7 +21,7 @@ static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own)
         return reply;
     }
     const size_t records = static_cast<size_t>(count) + 1;
-    const HeapBlock<char> texts = ZeroedBlock(records * discovery::kUnitTextSize);
+    const HeapBlock<char> texts = NewBlock(records * discovery::kUnitTextSize);
     if (!texts) {
         return reply;
     }
@@ -29,7 +29,7 @@ static ListReply BuildListReply(UnitInfo **list, int count, const UnitInfo &own)
     for (size_t i = 0; i < records; ++i) {
         length += discovery::WriteUnitText(TQ_PACKAGE_UNIT_INFO, (*list)[i], texts.get() + length);
     }
-    reply.text = ZeroedBlock(Base64TextSize(length));
+    reply.text = NewBlock(Base64TextSize(length));
     if (reply.text) {
         reply.length = discovery::EncodeTexts({texts.get(), length}, reply.text.get());
     }

@@ -33,7 +33,7 @@ __attribute__((format(printf, 4, 0))) static int Print(const char *file, int lin
     const ErrnoKept kept;
     ++messages;
     size_t size = 256;
-    HeapBlock<char> text(static_cast<char *>(malloc(size)));
+    HeapBlock<char> text = NewBlock(size);
     if (!text) {
         return -1;
     }

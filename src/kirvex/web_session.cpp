@@ -1,6 +1,5 @@
 #include "kirvex/web_session.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -26,8 +25,10 @@ enum class Scheme { kNone, kAsAnnounced };
 // behind it would reach the web server as a request from this machine itself. No account can have
 // such a name: its login fails. A TAB is a character of account names.
 static bool HasControlCharacter(const char *name) {
-    return std::any_of(name, name + strlen(name),
-                       [](unsigned char c) { return c != '\t' && iscntrl(c) != 0; });
+    while (*name == '\t' || (*name != '\0' && iscntrl(static_cast<unsigned char>(*name)) == 0)) {
+        ++name;
+    }
+    return *name != '\0';
 }
 
 // The body of a page, or nothing.

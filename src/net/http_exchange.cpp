@@ -190,14 +190,14 @@ class Deadline {
 
     // `wait`, or what is left when that is less. In whole seconds, and 0 when it is over.
     timeval Shorten(const timeval &wait) const {
-        const int64_t left = std::max<int64_t>(end_ - MonotonicSeconds(), 0);
-        return bounded_ && left <= wait.tv_sec ? timeval{static_cast<time_t>(left), 0} : wait;
+        const time_t left = std::max<time_t>(end_ - MonotonicSeconds(), 0);
+        return bounded_ && left <= wait.tv_sec ? timeval{left, 0} : wait;
     }
     bool Passed() const { return bounded_ && MonotonicSeconds() >= end_; }
 
   private:
     bool bounded_;
-    int64_t end_;
+    time_t end_;
 };
 
 }  // namespace

@@ -22,7 +22,7 @@ TQ_Cfg config::Defaults() {
 }
 
 struct TextSetting {
-    const char *key;
+    char key[11];
     char (TQ_Cfg::*field)[80];
 };
 

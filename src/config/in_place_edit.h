@@ -14,8 +14,8 @@ namespace config {
 
 // What differs between the editors.
 struct InPlaceEditRules {
-    const char *temporaryFile;  // a mkstemp template
-    const char *failed;         // how the message of a failed write spells that word
+    char temporaryFile[16];  // a mkstemp template
+    char failed[6];          // how the message of a failed write spells that word
     // Whether a failing mkstemp gets a message, and the file is opened all the same.
     bool goesOnWithoutCopy;
     bool createsMissing;  // whether a file that is not there is created
@@ -87,7 +87,7 @@ class InPlaceEdit {
     const char *path_;
     const InPlaceEditRules &rules_;
     MessageOrigin origin_;
-    char temporary_[32];
+    char temporary_[sizeof InPlaceEditRules::temporaryFile];
     UniqueFd copy_;
     TextFile original_;
     off_t length_ = 0;

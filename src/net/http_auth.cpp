@@ -195,7 +195,7 @@ int COM_GetDigestStringInBuf(const char *text, HttpAuthInfo *auth) {
     // In this order: a value that is cut ends on the first byte of the next field, which that
     // field's own value then overwrites.
     struct Value {
-        const char *key;
+        char key[8];
         size_t offset;
         int size;
     };

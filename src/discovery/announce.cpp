@@ -131,7 +131,7 @@ void Announcement::SendOnEthernets() {
 // is what the look-ups for it have to say: nothing, when the same ones have just said nothing.
 void Announcement::SendOnNone() {
     in_addr gateway;
-    if (!defaultDeviceIsSilent_ && facts_.Get(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
+    if (!defaultDeviceIsSilent_ && facts_.Gateway(NETINFO_GATEWAY_RAW, nullptr, &gateway) == 0) {
         SendOn(nullptr);
     }
 }

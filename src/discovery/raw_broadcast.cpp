@@ -208,13 +208,13 @@ class Broadcast {
 // one that address and netmask make.
 static bool SubnetEnds(unit::FactSource &facts, const char *device, in_addr *source,
                        in_addr *destination) {
-    if (facts.Get(NETINFO_BROADCAST_RAW, device, destination) == -1 ||
-        facts.Get(NETINFO_IP_RAW, device, source) == -1) {
+    if (facts.Address(NETINFO_BROADCAST_RAW, device, destination) == -1 ||
+        facts.Address(NETINFO_IP_RAW, device, source) == -1) {
         return false;
     }
     in_addr netmask;
     if (destination->s_addr == INADDR_ANY &&
-        facts.Get(NETINFO_NETMASK_RAW, device, &netmask) == 0) {
+        facts.Address(NETINFO_NETMASK_RAW, device, &netmask) == 0) {
         destination->s_addr = source->s_addr | ~netmask.s_addr;
     }
     return true;

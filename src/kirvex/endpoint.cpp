@@ -63,8 +63,8 @@ Reply StartReply(const char *device, int sock, Request request, size_t size) {
                 static_cast<uint16_t>(ReadInteger(request, kOperation)), kSuccess);
     reply.Set(kSequenceNumber, ReadInteger(request, kSequenceNumber));
     unit::FactSource facts(sock);
-    facts.Get(NETINFO_MAC_RAW, device, reply.packet + kMac.offset);
-    facts.Get(NETINFO_IP_RAW, device, reply.packet + kAddress.offset);
+    facts.Mac(NETINFO_MAC_RAW, device, reply.packet + kMac.offset);
+    facts.Address(NETINFO_IP_RAW, device, reply.packet + kAddress.offset);
     return reply;
 }
 

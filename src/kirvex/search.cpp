@@ -43,22 +43,20 @@ int KIRVEX_Reply_DevSearch(const char *device, int sock, const sockaddr_in &send
     kx::Reply reply = kx::StartReply(device, sock, request, kx::kSearchReplySize);
     const auto setting = [](kx::SettingsField field) { return field.In(kx::kReplySettings); };
     unit::FactSource facts(sock);
-    const auto setFact = [&](kx::Field field, NetInfoSelector fact) {
-        facts.Get(fact, device, reply.packet + field.offset);
-    };
+    const auto bytesOf = [&](kx::Field field) { return reply.packet + field.offset; };
     reply.Set(kx::kBrandName, kx::kOwnBrand);
     reply.Set(kx::kProductName, kx::kOwnModel);
     reply.Set(kx::kModelName, kx::kOwnModel);
     reply.Set(kx::kFirmware, kx::kOwnVersion);
     reply.Set(kx::kProductType, kProductTypeRecorder);
-    setFact(kx::kBodyMac, NETINFO_MAC_RAW);
+    facts.Mac(NETINFO_MAC_RAW, device, bytesOf(kx::kBodyMac));
     reply.Set(setting(kx::kCameraName), kx::kOwnModel);
-    setFact(setting(kx::kNewAddress), NETINFO_IP_RAW);
+    facts.Address(NETINFO_IP_RAW, device, bytesOf(setting(kx::kNewAddress)));
     reply.Set(setting(kx::kWebPort), kx::ReadWebPort().number());
-    setFact(setting(kx::kNetmask), NETINFO_NETMASK_RAW);
-    setFact(setting(kx::kGateway), NETINFO_GATEWAY_RAW);
+    facts.Address(NETINFO_NETMASK_RAW, device, bytesOf(setting(kx::kNetmask)));
+    facts.Gateway(NETINFO_GATEWAY_RAW, device, bytesOf(setting(kx::kGateway)));
     const auto address = [&](kx::SettingsField field) {
-        return std::span<uint8_t, 4>(reply.packet + setting(field).offset, 4);
+        return std::span<uint8_t, 4>(bytesOf(setting(field)), 4);
     };
     unit::GetNameServers(address(kx::kPrimaryDns), address(kx::kSecondaryDns));
     // The status goes out as it is: 1, or, for a fixed address, the byte 0xFF that -1 leaves here.

@@ -62,8 +62,8 @@ int KIRVEX_ParserPkt(const char *device, int sock, const sockaddr_in &sender, kx
     const uint32_t operation = kx::ReadInteger(packet, kx::kOperation);
     uint8_t own[kx::kHeaderSize] = {};
     unit::FactSource facts(sock);
-    facts.Get(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
-    facts.Get(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
+    facts.Mac(NETINFO_MAC_RAW, device, own + kx::kMac.offset);
+    facts.Address(NETINFO_IP_RAW, device, own + kx::kAddress.offset);
     const ReplyFunction reply = FindOperation(operation);
     if (kx::ReadInteger(packet, kx::kIdentifier) != kx::kRequestIdentifier || !reply) {
         return -1;

@@ -388,16 +388,36 @@ int COM_GetMTU(int /*selector*/, const char *device, void *output) {
     return GetMtu(facts, device, output);
 }
 
-int unit::FactSource::Get(int selector, const char *device, void *output) {
+int unit::FactSource::Mac(int selector, const char *device, void *output) {
+    return GetMac(*this, selector, COM_ConvertNetDevName(device), output);
+}
+
+int unit::FactSource::Address(int selector, const char *device, void *output) {
+    return GetAddress(*this, selector, COM_ConvertNetDevName(device), output);
+}
+
+int unit::FactSource::Gateway(int selector, const char *device, void *output) {
+    return COM_SubGetGateway(selector, COM_ConvertNetDevName(device), output);
+}
+
+int unit::FactSource::NameServer(int selector, const char *device, void *output) {
+    return COM_SubGetDNS(selector, COM_ConvertNetDevName(device), output);
+}
+
+int unit::FactSource::Mtu(const char *device, void *output) {
+    return GetMtu(*this, COM_ConvertNetDevName(device), output);
+}
+
+int COM_GetNetInfo(int selector, const char *device, void *output) {
     device = COM_ConvertNetDevName(device);
     if (selector >= NETINFO_MAC_HEX && selector <= NETINFO_MAC_RAW_LAST2) {
-        return GetMac(*this, selector, device, output);
+        return COM_GetMAC(selector, device, output);
     }
     if (selector >= NETINFO_ARP_MAC_HEX && selector <= NETINFO_ARP_MAC_RAW_LAST2) {
         return COM_GetArpMAC(selector, device, output);
     }
     if (selector >= NETINFO_IP_STR && selector <= NETINFO_NETMASK_RAW) {
-        return GetAddress(*this, selector, device, output);
+        return COM_SubGetNetInfo(selector, device, output);
     }
     if (selector >= NETINFO_GATEWAY_STR && selector <= NETINFO_GATEWAY_RAW) {
         return COM_SubGetGateway(selector, device, output);
@@ -406,13 +426,9 @@ int unit::FactSource::Get(int selector, const char *device, void *output) {
         return COM_SubGetDNS(selector, device, output);
     }
     if (selector == NETINFO_MTU) {
-        return GetMtu(*this, device, output);
+        return COM_GetMTU(selector, device, output);
     }
     memcpy(output, "unknown", sizeof "unknown");
-    TQ_LOG_FOR(TQ_ORIGIN("COM_GetNetInfo"), "flag(%d) not implemented yet.\n", selector);
+    TQ_LOG("flag(%d) not implemented yet.\n", selector);
     return -1;
-}
-
-int COM_GetNetInfo(int selector, const char *device, void *output) {
-    return unit::FactSource().Get(selector, device, output);
 }

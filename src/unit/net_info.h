@@ -89,8 +89,13 @@ class FactSource {
     // `lent` must outlive the object; negative for none.
     explicit FactSource(int lent = -1) : lent_(lent) {}
 
-    // As COM_GetNetInfo.
-    int Get(int selector, const char *device, void *output);
+    // As COM_GetNetInfo, each for its own range of selectors: a program that asks through these has
+    // no code for what it never asks for.
+    int Mac(int selector, const char *device, void *output);
+    int Address(int selector, const char *device, void *output);
+    int Gateway(int selector, const char *device, void *output);
+    int NameServer(int selector, const char *device, void *output);
+    int Mtu(const char *device, void *output);
 
     // Asks the kernel for one fact of `device`. Returns 0, or -1 with errno set; a socket that
     // can't be had is reported here, in the name of `origin`, and leaves errno 0.

@@ -21,16 +21,16 @@ int unit::FillUnitInfo(UnitInfo *record, const char *device, FactSource &facts) 
     result += AppendModelName(record->model, sizeof record->model, RoomFrom(record, record->model));
     result += AppendProjName(record->proj, sizeof record->proj, RoomFrom(record, record->proj));
     result += COM_GetUnitName(record->name, sizeof record->name);
-    result += facts.Get(NETINFO_IP_STR, name, record->ip);
+    result += facts.Address(NETINFO_IP_STR, name, record->ip);
     result += AppendTriggerPort(record->trigger_port, sizeof record->trigger_port,
                                 RoomFrom(record, record->trigger_port));
-    result += facts.Get(NETINFO_NETMASK_STR, name, record->netmask);
-    result += facts.Get(NETINFO_GATEWAY_STR, name, record->gateway);
-    result += facts.Get(NETINFO_DNS1_STR, name, record->dns);
-    result += facts.Get(NETINFO_MAC_COLON, name, record->mac);
+    result += facts.Address(NETINFO_NETMASK_STR, name, record->netmask);
+    result += facts.Gateway(NETINFO_GATEWAY_STR, name, record->gateway);
+    result += facts.NameServer(NETINFO_DNS1_STR, name, record->dns);
+    result += facts.Mac(NETINFO_MAC_COLON, name, record->mac);
     // The note is compared with nothing, so it need not run on into the number behind it.
     result += COM_GetNote(record->note, sizeof record->note);
-    result += facts.Get(NETINFO_MTU, name, &record->mtu);
+    result += facts.Mtu(name, &record->mtu);
     return result;
 }
 

@@ -109,16 +109,16 @@ def became(host, interfaces=INTERFACES):
 
 REFUSED = r"(?m)^\w+,\d+:(?: |\w+\(\): )(.*?)(?: error| failed)?(?: : Cannot allocate memory|!)$"
 WALK = {"REALLOC()"}
-EDIT = {"opendir(/proc/N/fd)", "[]", "fopen(/etc/resolv.conf)"}
+COMMAND = {"opendir(/proc/N/fd)", "[]"}
 
 
 # `loose`: how many allocations may go unsaid when they fail, or not be made in every run. A list in hasty waits
 # may also miss the other unit.
 @pytest.mark.parametrize("brand, request_of, loose, expected", [
     (3, lambda _: QUERY, 0, WALK), (3, lambda _: LIST_REQUEST, 6, {*WALK, "REALLOC(N)", "MALLOC(N)"}),
-    (3, change, 0, {"fopen(/etc/network/interfaces)", *EDIT}),
+    (3, change, 0, COMMAND),
     (16, lambda _: kirvex_request(SEARCH), 0, set()),
-    (16, change, 0, {"malloc pAddDatabuf", "REALLOC(N)", "fopen(/mtd1/interfaces)", *EDIT})])
+    (16, change, 0, {"malloc pAddDatabuf", "REALLOC(N)", *COMMAND})])
 def test_every_allocation_may_fail(net, brand, request_of, loose, expected):
     host = unit(net, brand=brand)
     net.host("cam2", "192.168.1.22/24", gateway="192.168.1.1").start_tq()
@@ -134,8 +134,7 @@ def test_every_allocation_may_fail(net, brand, request_of, loose, expected):
         failed = {re.sub(r"\b\d+\b", "N", re.sub(r"_\w{6}\)", "_X)", name)) for name in re.findall(REFUSED, said)}
         seen |= failed
         unsaid += answers != whole and not failed
-        # A resolver file that can't be edited is emptied: nobody shall take half a text for the whole.
-        assert became(host)[:2] in [("old", "old"), ("new", "new"), ("new", "empty")]
+        assert became(host)[:2] in [("old", "old"), ("new", "new")]
         assert request_of != change or left(host) == kept, said
     # How often a list's records are merged depends on how many came: that one isn't met in every run.
     assert expected - {"MALLOC(N)"} <= seen <= expected and unsaid <= loose

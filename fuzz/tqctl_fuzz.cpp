@@ -9,7 +9,7 @@
 static const ctl::Links kNoLinks{};
 
 static void TakeUnit(ctl::Unit &unit, void *context) {
-    unit.Place(kNoLinks, -1);
+    unit.Place(kNoLinks, nullptr);
     static_cast<ctl::Survey *>(context)->units().Take(unit);
 }
 
@@ -19,7 +19,10 @@ static void CheckPrinted(Print print) {
     char *text = nullptr;
     size_t size = 0;
     UniqueFile out(open_memstream(&text, &size));
-    print(out.get());
+    FILE *before = stdout;
+    stdout = out.get();
+    print();
+    stdout = before;
     out.reset();
     const HeapBlock<char> owner(text);
     for (size_t i = 0; i < size; ++i) {
@@ -45,17 +48,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     }
     survey.units().Sort();
-    CheckPrinted([&](FILE *out) { ctl::PrintTable(out, survey, size % 200); });
+    CheckPrinted([&] { ctl::PrintTable(survey, static_cast<int>(size % 200)); });
     if (survey.units().count() == 0) {
         return 0;
     }
-    const ctl::Unit &first = survey.units()[0];
-    CheckPrinted([&](FILE *out) { ctl::PrintPlain(out, first); });
-    CheckPrinted([&](FILE *out) { ctl::PrintUnit(out, first); });
-    CheckPrinted([&](FILE *out) {
-        ctl::PrintSettings(out, first.ip, first.prefix, first.gateway, first.dns);
+    const ctl::Unit &first = *survey.units().begin();
+    CheckPrinted([&] { ctl::PrintPlain(first); });
+    CheckPrinted([&] { ctl::PrintUnit(first); });
+    CheckPrinted([&] {
+        printf("%s\n",
+               ctl::DescribeSettings(first.ip, first.prefix, first.gateway, first.dns).text);
     });
-    CheckPrinted([&](FILE *out) { ctl::PrintJson(out, survey, &first, 1, nullptr); });
-    CheckPrinted([&](FILE *out) { ctl::PrintFormat(out, "${name}\\t${note}", first); });
+    CheckPrinted([&] { ctl::PrintJson(survey, &first, 1, nullptr); });
+    CheckPrinted([&] { ctl::PrintFormat("${name}\\t${note}", first); });
     return 0;
 }

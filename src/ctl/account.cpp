@@ -101,8 +101,7 @@ void ChangePassword(Session &session) {
     ReadNewPassword(session.options, &changed);
     const size_t length = strspn(changed.text, kDigits);
     if (length == 0 || length > kLongestPassword || changed.text[length] != '\0') {
-        Fail(kUsage,
-             "a new password is 1 to %zu digits: units take nothing else, nor log in with more",
+        Fail(kUsage, "a new password is 1 to %zu digits: units take nothing else",
              kLongestPassword);
     }
     const Verdict verdict =

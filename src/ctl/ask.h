@@ -8,9 +8,9 @@ namespace ctl {
 
 // A password, wiped when it is no longer needed.
 struct Secret {
-    char text[64] = "";
+    char text[64];
 
-    Secret() = default;
+    Secret() { text[0] = '\0'; }
     Secret(const Secret &) = delete;
     Secret &operator=(const Secret &) = delete;
     ~Secret();

@@ -99,13 +99,21 @@ bool Link::IsOfOne(Address address) const {
     return !all;
 }
 
-int Links::Find(int index) const {
-    for (int i = 0; i < count; ++i) {
-        if (link[i].index == index) {
-            return i;
+const Link *Links::Find(int index) const {
+    for (const Link &one : *this) {
+        if (one.index == index) {
+            return &one;
         }
     }
-    return -1;
+    return nullptr;
+}
+
+bool Links::Fit(Address address) const {
+    bool fitting = false;
+    for (const Link &one : *this) {
+        fitting |= one.Fits(address);
+    }
+    return fitting;
 }
 
 static bool IsWanted(const Options &options, const ifaddrs &interface) {

@@ -61,8 +61,10 @@ struct Links {
     const Link *begin() const { return link; }
     const Link *end() const { return link + count; }
 
-    // The number in `link` of the interface with a kernel's number; -1 for one that is not used.
-    int Find(int index) const;
+    // The one with a kernel's number; null for one that is not used.
+    const Link *Find(int index) const;
+    // Whether an address lies in a subnet of any.
+    bool Fit(Address address) const;
 };
 
 // Finds the interfaces that were asked for, or all that are up and can broadcast.

@@ -8,6 +8,7 @@
 
 #include "common/socket.h"
 #include "ctl/print.h"
+#include "ctl/text.h"
 #include "discovery/announce.h"
 
 namespace ctl {
@@ -46,7 +47,7 @@ static void PrintUnits(Session &session) {
         }
     } else {
         if (units.count() > 0) {
-            PrintTable(session.survey);
+            PrintTable(session.survey, TerminalColumns(STDOUT_FILENO));
         }
         session.Flush();
         ExplainMarks(session.survey);
@@ -121,7 +122,7 @@ static size_t ReadAll(int sock, char *data, size_t size) {
 
 static void TakeTold(Unit &unit, void *context) {
     Session &session = *static_cast<Session *>(context);
-    unit.Place(session.links, -1);
+    unit.Place(session.links, nullptr);
     session.survey.units().Take(unit);
 }
 

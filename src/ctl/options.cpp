@@ -115,8 +115,8 @@ static constexpr const char *kCommands[] = {
     "Gives a unit new network settings and waits until it answers from them.",
     "check-password\0"
     " UNIT\n"
-    "Asks a KIRVEX unit whether the administrator's password is right. It logs in, which may end\n"
-    "the session of another administrator.",
+    "Asks a KIRVEX unit whether the administrator's password is right. It logs in, which may\n"
+    "end another's session.",
     "password\0"
     " UNIT\n"
     "Changes the administrator's password of a KIRVEX unit: digits, at most 31.",
@@ -157,13 +157,16 @@ static Milliseconds ReadSeconds(const char *text) {
     static constexpr unsigned long kLongest = 86400;
     char *end;
     const unsigned long seconds = strtoul(text, &end, 10);
-    unsigned long time = seconds * 1000;
-    if (*end == '.') {
-        for (unsigned long place = 100; *++end >= '0' && *end <= '9'; place /= 10) {
-            time += static_cast<unsigned>(*end - '0') * place;
+    const char *digits = *end == '.' ? end + 1 : end;
+    unsigned long time = seconds;
+    for (int i = 0; i < 3; ++i) {
+        time *= 10;
+        if (digits > end && *digits >= '0' && *digits <= '9') {
+            time += static_cast<unsigned>(*digits++ - '0');
         }
     }
-    if (*end != '\0' || seconds > kLongest || time < 100 || time > kLongest * 1000) {
+    digits += strspn(digits, "0123456789");
+    if (*digits != '\0' || seconds > kLongest || time < 100 || time > kLongest * 1000) {
         Fail(kUsage, "'%s' is no number of seconds", text);
     }
     return static_cast<Milliseconds>(time);
@@ -206,7 +209,7 @@ static const char *FindConflict(const Options &options) {
         return "--json, --plain and --format exclude each other";
     }
     if (options.via && (options.watch || options.interface)) {
-        return "--via asks one unit once: neither --watch nor -i goes with it";
+        return "--via goes with neither --watch nor -i";
     }
     if (options.command == Command::kSet && !options.dhcp == !options.address) {
         return "set needs either --address A/PREFIX or --dhcp";
@@ -233,14 +236,12 @@ void ReadOptions(int argc, char **argv, Options *options) {
         End(kDone);
     }
     if (options->command == Command::kNone) {
-        Fail(kUsage, "there is no command '%s'; tqctl --help lists them", words[0] ? words[0] : "");
+        Fail(kUsage, "no command '%s'; tqctl --help lists them", words[0] ? words[0] : "");
     }
     // A unit is what all but list want.
     const int wanted = options->command == Command::kList ? 1 : 2;
     if (argc - optind != wanted) {
-        Fail(kUsage,
-             wanted == 1 ? "list takes no unit; 'tqctl show' shows one" : "%s takes one UNIT",
-             words[0]);
+        Fail(kUsage, "%s takes %s UNIT", words[0], wanted == 1 ? "no" : "one");
     }
     options->unit = words[1];  // null behind the last word
     const int where = 1 << static_cast<int>(options->command);

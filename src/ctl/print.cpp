@@ -1,7 +1,5 @@
 #include "ctl/print.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 
@@ -204,10 +202,9 @@ static void WalkTable(UnitList &units, bool print, Widths &widths) {
     }
 }
 
-void PrintTable(Survey &survey) {
+void PrintTable(Survey &survey, int columns) {
     Widths widths = {};
     WalkTable(survey.units(), false, widths);
-    const int columns = TerminalColumns(STDOUT_FILENO);
     if (columns > 0) {
         Narrow(static_cast<size_t>(columns), widths);
     }

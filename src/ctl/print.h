@@ -5,8 +5,8 @@
 
 namespace ctl {
 
-// A table with a heading. On a terminal long texts are cut.
-void PrintTable(Survey &survey);
+// A table with a heading. Long texts are cut to fit into so many columns; with 0 or less into any.
+void PrintTable(Survey &survey, int columns);
 
 // One line for a unit, its columns separated by tabs: name, model, project, ip, prefix, gateway,
 // mac, port, note, protocol, interface, marks.

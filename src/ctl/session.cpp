@@ -67,7 +67,8 @@ static int CommonPrefix(Address left, Address right) {
 // A free address next to another one, so that it lies in the same subnet, however small; 0 when
 // there is none.
 static Address FindNeighbour(const Link &link, Address address, Address gateway) {
-    for (const int step : {1, -1, 2, -2, 3, -3}) {
+    static constexpr int8_t kSteps[] = {1, -1, 2, -2, 3, -3};
+    for (const int step : kSteps) {
         const Address candidate = address + static_cast<Address>(step);
         const Address last = candidate & 0xFF;
         uint8_t mac[ETH_ALEN];
@@ -103,23 +104,24 @@ void Session::Approach(const Silent &silent) {
     survey.Discover(options.listening);
 }
 
-// Where the host is that the command names and that has not answered: it asks for its gateway in
-// vain, or, without one, answers address resolution alone.
-bool Session::FindSilent(Silent *found) const {
-    uint8_t mac[ETH_ALEN];
-    Address address = 0;
-    const bool isMac = ReadMac(options.unit, mac);
-    ReadAddress(options.unit, &address);
-    for (const Silent &silent : survey.silent()) {
-        *found = silent;
-        if (found->address == address || (isMac && memcmp(mac, found->mac, sizeof mac) == 0)) {
+// Approaches the host that the command names and that has not answered: it asks for its gateway in
+// vain, or, without one, answers address resolution alone. Returns false when there is none.
+bool Session::ApproachSilent() {
+    Silent silent{};
+    const bool isMac = ReadMac(options.unit, silent.mac);
+    ReadAddress(options.unit, &silent.address);
+    for (const Silent &heard : survey.silent()) {
+        if (heard.address == silent.address ||
+            (isMac && memcmp(heard.mac, silent.mac, sizeof silent.mac) == 0)) {
+            Approach(heard);
             return true;
         }
     }
     for (const Link &at : links) {
-        *found = {address, 0, {}, &at};
-        if (address != 0 && !at.Fits(address) &&
-            FindHolder(at, address, found->mac) == Holder::kSomebody) {
+        if (silent.address != 0 && !at.Fits(silent.address) &&
+            FindHolder(at, silent.address, silent.mac) == Holder::kSomebody) {
+            silent.link = &at;
+            Approach(silent);
             return true;
         }
     }
@@ -128,15 +130,8 @@ bool Session::FindSilent(Silent *found) const {
 
 void Session::SelectUnit() {
     Start();
-    Silent silent;
-    if (Choose()) {
+    if (Choose() || (ApproachSilent() && Choose())) {
         return;
-    }
-    if (FindSilent(&silent)) {
-        Approach(silent);
-        if (Choose()) {
-            return;
-        }
     }
     char name[kCellSize];
     MakeHarmless(options.unit, name);

@@ -31,12 +31,12 @@ struct Session {
     // Sees that the results so far are written.
     void Flush();
 
-    const Link &link() const { return links.link[unit.link]; }
+    const Link &link() const { return *unit.link; }
     Way way() const { return {link(), source, options.verbose != nullptr}; }
 
   private:
     bool Choose();
-    bool FindSilent(Silent *found) const;
+    bool ApproachSilent();
     void Approach(const Silent &silent);
 };
 

@@ -20,7 +20,14 @@ static constexpr int kMostSetups = 3;
 static constexpr Milliseconds kRepeatAfter = 3000;
 static constexpr Milliseconds kRoundHalf = 250;
 
-// "A/PREFIX", its address one that a host can have.
+// Whether an address is one that a host of its subnet can have.
+static bool IsHost(Address address, Address mask) {
+    const Address host = address & ~mask;
+    const Address first = address >> 24;
+    return host != 0 && host != ~mask && first != 0 && first != 127 && first < 224;
+}
+
+// "A/PREFIX".
 static void ReadAddressWish(const char *text, Wish *wish) {
     char address[sizeof(AddressText) + 1];  // one that is too long stays too long
     CopyText(address, text);
@@ -28,23 +35,16 @@ static void ReadAddressWish(const char *text, Wish *wish) {
     const char *slash = strchr(text, '/');
     char *end = nullptr;
     const unsigned long prefix = slash ? strtoul(slash + 1, &end, 10) : 0;
-    if (!slash || end == slash + 1 || *end != '\0' || !ReadAddress(address, &wish->address)) {
-        Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24", text);
-    }
-    if (prefix < 1 || prefix > kLongestPrefix) {
-        Fail(kUsage, "a prefix is from 1 to %d: the unit and one other must have room behind it",
-             kLongestPrefix);
+    if (!end || *end != '\0' || prefix < 1 || prefix > kLongestPrefix ||
+        !ReadAddress(address, &wish->address)) {
+        Fail(kUsage, "'%s' is no ADDRESS/PREFIX such as 192.168.1.21/24, the prefix from 1 to %d",
+             text, kLongestPrefix);
     }
     wish->prefix = static_cast<int>(prefix);
-    const Address first = wish->address >> 24;
-    if (first == 0 || first == 127 || first >= 224) {
-        Fail(kUsage, "%s is no address of a host", address);
-    }
-    const Address hosts = ~MaskOf(wish->prefix);
-    const Address host = wish->address & hosts;
-    if (host == 0 || host == hosts) {
-        Fail(kUsage, "%s is the %s address of its subnet", address,
-             host == 0 ? "network" : "broadcast");
+    if (!IsHost(wish->address, MaskOf(wish->prefix))) {
+        Fail(kUsage,
+             "%s is no address of a host, but nobody's, a network address or a broadcast address",
+             address);
     }
 }
 
@@ -57,16 +57,12 @@ void ReadWish(const Options &options, Wish *wish) {
     ReadAddressWish(options.address, wish);
     wish->dns = ReadOption("name server", options.dns);
     wish->gateway = ReadOption("gateway", options.gateway);
-    if (wish->gateway == 0) {
-        return;
-    }
-    const Address hosts = ~MaskOf(wish->prefix);
-    const Address host = wish->gateway & hosts;
-    if (((wish->gateway ^ wish->address) & ~hosts) != 0) {
+    const Address mask = MaskOf(wish->prefix);
+    if (wish->gateway != 0 && ((wish->gateway ^ wish->address) & mask) != 0) {
         Fail(kUsage, "the gateway %s is not in the subnet of %s: the unit would leave it out",
              options.gateway, options.address);
     }
-    if (wish->gateway == wish->address || host == 0 || host == hosts) {
+    if (wish->gateway != 0 && (wish->gateway == wish->address || !IsHost(wish->gateway, mask))) {
         Fail(kUsage, "%s can't be the gateway of %s", options.gateway, options.address);
     }
 }
@@ -99,26 +95,26 @@ static const Unit *FindUnitAt(Session &session, Address address) {
 // Whether somebody else than the unit has an address already.
 static bool IsTaken(Session &session, Address address) {
     const Unit *unit = FindUnitAt(session, address);
-    bool own = false;
+    const char *owner = unit ? unit->info.mac : nullptr;
     for (const Link &link : session.links) {
-        own |= link.Owns(address);
+        owner = link.Owns(address) ? "this machine" : owner;
     }
     uint8_t mac[ETH_ALEN];
-    const Holder holder = unit || own ? Holder::kNobody : FindHolder(session.link(), address, mac);
-    const bool held = holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0;
-    if (unit || own || held) {
-        Say("refused: %s%s has %s already",
-            unit  ? "unit "
-            : own ? "this machine"
-                  : "",
-            unit  ? unit->info.mac
-            : own ? ""
-                  : ToText(mac).text,
-            ToText(address).text);
-    } else if (holder == Holder::kUnknown) {
-        Say("could not ask whether anybody has %s already", ToText(address).text);
+    kx::MacText text;
+    if (!owner) {
+        const Holder holder = FindHolder(session.link(), address, mac);
+        if (holder == Holder::kUnknown) {
+            Say("could not ask whether anybody has %s already", ToText(address).text);
+        }
+        if (holder == Holder::kSomebody && memcmp(mac, session.unit.mac, sizeof mac) != 0) {
+            text = ToText(mac);
+            owner = text.text;
+        }
     }
-    return unit || own || held;
+    if (owner) {
+        Say("refused: %s has %s already", owner, ToText(address).text);
+    }
+    return owner;
 }
 
 // Says all that speaks against a wish. Returns whether there is any.
@@ -134,9 +130,8 @@ static bool IsRefused(Session &session, const Wish &wish) {
     }
     const bool unnamed = !wish.dhcp && unit.dns == 0;
     if (unnamed) {
-        Say("refused: the unit reports no name server. Without a nameserver line in its resolver "
-            "file it applies no fixed settings%s: use --dhcp, or add the line first",
-            unit.kirvex ? "" : " before its next start");
+        Say("refused: the unit reports no name server, and without a nameserver line in its "
+            "resolver file it applies no fixed settings: use --dhcp, or add the line first");
     }
     const bool taken = !wish.dhcp && IsTaken(session, wish.address);
     return unsendable || unnamed || taken;
@@ -153,7 +148,7 @@ static UnitInfo MakeSetup(const Unit &unit, const Wish &wish) {
     CopyText(setup.netmask, ToText(MaskOf(wish.prefix)).text);
     // No subnet but one around 0.0.0.0 holds it: the unit writes no gateway then.
     CopyText(setup.gateway, ToText(wish.gateway).text);
-    CopyText(setup.dns, ToText(wish.dns != 0 ? wish.dns : unit.dns).text);
+    CopyText(setup.dns, ToText(wish.dns).text);
     return setup;
 }
 
@@ -166,7 +161,7 @@ static bool SendSetup(Session &session, const UnitInfo &setup) {
         return discovery::SendToStation(survey.packetSocket(), session.link().index,
                                         session.unit.mac, TQ_SERVER_PORT, package, size) == 0;
     }
-    return SendUdp(survey.nativeSocket(session.unit.link), session.unit.ip, TQ_SERVER_PORT, package,
+    return SendUdp(survey.nativeSocket(session.link()), session.unit.ip, TQ_SERVER_PORT, package,
                    size);
 }
 
@@ -177,9 +172,7 @@ static void Describe(const Session &session, const Wish &wish, const char *verb)
         !session.unit.kirvex && session.survey.HasPacketRight() ? "its MAC address"
                                                                 : ToText(session.unit.ip).text,
         wish.dhcp ? "DHCP"
-                  : DescribeSettings(wish.address, wish.prefix, wish.gateway,
-                                     wish.dns != 0 ? wish.dns : session.unit.dns)
-                        .text);
+                  : DescribeSettings(wish.address, wish.prefix, wish.gateway, wish.dns).text);
 }
 
 // Listens for one round. Returns the unit as it was heard, or null.
@@ -235,7 +228,7 @@ static void Report(const Wish &wish, const Unit &seen) {
 static bool ShowsWish(const Unit &before, const Wish &wish, const Unit &seen) {
     return seen.ip == wish.address && seen.prefix == wish.prefix &&
            (seen.ip != before.ip || seen.prefix != before.prefix ||
-            (seen.gateway == wish.gateway && (wish.dns == 0 || seen.dns == wish.dns)));
+            (seen.gateway == wish.gateway && seen.dns == wish.dns));
 }
 
 // Discovers until the unit shows what it was given. `setup` is repeated while it still says what it
@@ -291,7 +284,7 @@ static kx::Settings MakeSettings(const Unit &unit, const Wish &wish) {
         settings.address.s_addr = htonl(wish.address);
         settings.netmask.s_addr = htonl(MaskOf(wish.prefix));
         settings.gateway.s_addr = htonl(wish.gateway);
-        settings.primaryDns.s_addr = htonl(wish.dns != 0 ? wish.dns : unit.dns);
+        settings.primaryDns.s_addr = htonl(wish.dns);
     }
     return settings;
 }
@@ -314,8 +307,8 @@ static void SetKirvex(Session &session, const Wish &wish) {
         }
         if (verdict.status != kx::kStatusRestarting) {
             Fail(kNotTaken,
-                 "the unit did not carry it out: it could not rewrite its files. Does its resolver "
-                 "file have a nameserver line, and its disk room?");
+                 "the unit did not carry it out: is there a nameserver line in its resolver file, "
+                 "and room on its disk?");
         }
         const unsigned seconds = verdict.waitSeconds < 10 ? verdict.waitSeconds : 10;
         Pause(static_cast<Milliseconds>(seconds) * 1000);
@@ -343,6 +336,9 @@ void Set(Session &session) {
     Wish wish;
     ReadWish(session.options, &wish);
     session.SelectUnit();
+    if (wish.dns == 0) {
+        wish.dns = session.unit.dns;
+    }
     const bool refused = IsRefused(session, wish);
     if (session.options.dryRun) {
         ShowDryRun(session, wish);

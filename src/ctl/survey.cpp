@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "ctl/arp.h"
 #include "ctl/text.h"
@@ -31,35 +32,35 @@ static constexpr uint8_t kEveryStation[ETH_ALEN] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF
 // The model in whose name a query is made; units do not read it.
 static constexpr char kQueryModel[] = "tqctl";
 
-void Survey::AddEar(UniqueFd sock, Protocol protocol, int link) {
+void Survey::AddEar(UniqueFd sock, Protocol protocol, const Link *link) {
     Ear &ear = ears_[earCount_++];
-    ear.sock = static_cast<UniqueFd &&>(sock);
+    ear.sock = std::move(sock);
     ear.protocol = protocol;
     ear.link = link;
 }
 
 void Survey::Open() {
-    for (int i = 0; i < links_.count; ++i) {
-        UniqueFd native = OpenUdp(links_.link[i], 0, TQ_CLIENT_PORT);
+    for (const Link &link : links_) {
+        UniqueFd native = OpenUdp(link, 0, TQ_CLIENT_PORT);
         if (!native) {
             __extension__ Fail(
                 kNoRight,
                 "can't listen on UDP port %d of %s: %m. Does another program hold it? 'ss -ulnp "
                 "sport = :%d' names it",
-                TQ_CLIENT_PORT, links_.link[i].name, TQ_CLIENT_PORT);
+                TQ_CLIENT_PORT, link.name, TQ_CLIENT_PORT);
         }
-        AddEar(static_cast<UniqueFd &&>(native), Protocol::kNative, i);
+        AddEar(std::move(native), Protocol::kNative, &link);
     }
-    for (int i = 0; i < links_.count; ++i) {
-        SearchFrom(links_.link[i], 0);
+    for (const Link &link : links_) {
+        SearchFrom(link, 0);
     }
     // Without the right both stay empty, and ordinary datagrams have to do.
     packet_.reset(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    AddEar(OpenArp(), Protocol::kArp, 0);
+    AddEar(OpenArp(), Protocol::kArp, nullptr);
 }
 
 void Survey::SearchFrom(const Link &link, Address source) {
-    AddEar(OpenUdp(link, source, 0), Protocol::kKirvex, static_cast<int>(&link - links_.link));
+    AddEar(OpenUdp(link, source, 0), Protocol::kKirvex, &link);
 }
 
 bool Survey::Query() {
@@ -71,7 +72,6 @@ bool Survey::Query() {
     int error = 0;
     for (int i = 0; i < earCount_; ++i) {
         const Ear &ear = ears_[i];
-        const Link &link = links_.link[ear.link];
         if (ear.protocol == Protocol::kKirvex) {
             SendUdp(ear.sock.get(), INADDR_BROADCAST, kx::kPort, search, sizeof search);
         }
@@ -81,7 +81,7 @@ bool Survey::Query() {
         // An ordinary broadcast is heard as well as one that is built here, but can't always be
         // sent from an interface without an address.
         const bool done =
-            (packet_ && discovery::SendToStation(packet_.get(), link.index, kEveryStation,
+            (packet_ && discovery::SendToStation(packet_.get(), ear.link->index, kEveryStation,
                                                  TQ_SERVER_PORT, query, size) == 0) ||
             SendUdp(ear.sock.get(), INADDR_BROADCAST, TQ_SERVER_PORT, query, size);
         error = done ? error : errno;
@@ -90,7 +90,7 @@ bool Survey::Query() {
             __extension__ Say(!done     ? "query on %s: %m"
                               : packet_ ? "query on %s, through a packet socket"
                                         : "query on %s",
-                              link.name);
+                              ear.link->name);
         }
     }
     errno = error;
@@ -120,7 +120,7 @@ void Survey::TakeReply(const Ear &ear) {
     } else if (ReadPackage(reinterpret_cast<const char *>(reply.data), reply.size, Take, this) ==
                    0 &&
                verbose_) {
-        Say("%zu bytes on %s are no answer", reply.size, links_.link[ear.link].name);
+        Say("%zu bytes on %s are no answer", reply.size, ear.link->name);
     }
 }
 
@@ -129,10 +129,10 @@ void Survey::TakeArp(int sock) {
     if (!ReceiveArp(sock, &packet)) {
         return;
     }
-    const int link = links_.Find(packet.interface);
+    const Link *link = links_.Find(packet.interface);
     // Who announces or looks for an address of his own asks for no gateway.
-    if (link == -1 || !packet.request || packet.sender == 0 || packet.sender == packet.target ||
-        links_.link[link].Fits(packet.sender)) {
+    if (!link || !packet.request || packet.sender == 0 || packet.sender == packet.target ||
+        link->Fits(packet.sender)) {
         return;
     }
     for (int i = 0; i < silentCount_; ++i) {
@@ -143,8 +143,8 @@ void Survey::TakeArp(int sock) {
     if (silentCount_ < kMostSilent) {
         Silent &silent = silent_[silentCount_++];
         // One without a gateway takes everybody for a neighbour, and asks for this machine.
-        const Address gateway = links_.link[link].Fits(packet.target) ? 0 : packet.target;
-        silent = {packet.sender, gateway, {}, &links_.link[link]};
+        const Address gateway = link->Fits(packet.target) ? 0 : packet.target;
+        silent = {packet.sender, gateway, {}, link};
         memcpy(silent.mac, packet.senderMac, ETH_ALEN);
     }
 }

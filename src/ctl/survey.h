@@ -48,7 +48,7 @@ class Survey {
     // Whether datagrams can be addressed to one station.
     bool HasPacketRight() const { return static_cast<bool>(packet_); }
     int packetSocket() const { return packet_.get(); }
-    int nativeSocket(int link) const { return ears_[link].sock.get(); }
+    int nativeSocket(const Link &link) const { return ears_[&link - links_.link].sock.get(); }
 
     UnitList &units() { return units_; }
     std::span<const Silent> silent() const { return {silent_, static_cast<size_t>(silentCount_)}; }
@@ -62,12 +62,12 @@ class Survey {
     struct Ear {
         UniqueFd sock;
         Protocol protocol;
-        int link;
+        const Link *link;
     };
     // Two for each link, one for KIRVEX from another address, and one for the ARP of all links.
     static constexpr int kMostEars = 2 * kMostLinks + 2;
 
-    void AddEar(UniqueFd sock, Protocol protocol, int link);
+    void AddEar(UniqueFd sock, Protocol protocol, const Link *link);
     void TakeReply(const Ear &ear);
     void TakeArp(int sock);
     static void Take(Unit &unit, void *context);
@@ -78,7 +78,7 @@ class Survey {
     int earCount_ = 0;
     UniqueFd packet_;
     UnitList units_;
-    int link_ = 0;  // over which what is being read came
+    const Link *link_ = nullptr;  // over which what is being read came
     Silent silent_[kMostSilent];
     int silentCount_ = 0;
 };

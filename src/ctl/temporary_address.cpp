@@ -29,8 +29,9 @@ struct LifetimeAttribute {
 };
 
 struct AddressRequest {
-    nlmsghdr header{};
-    ifaddrmsg interface {};
+    nlmsghdr header{sizeof(AddressRequest), RTM_DELADDR, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+    // A narrower scope would put it before the interface's own address, as the source of all else.
+    ifaddrmsg interface { AF_INET, 0, 0, RT_SCOPE_UNIVERSE, 0 };
     AddressAttribute local;
     LifetimeAttribute lifetime;
 };
@@ -68,13 +69,7 @@ static void Remove() {
 
 void AddTemporaryAddress(const Link &link, Address address, int prefix) {
     kernel = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    removal.header.nlmsg_len = sizeof removal;
-    removal.header.nlmsg_type = RTM_DELADDR;
-    removal.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    removal.interface.ifa_family = AF_INET;
     removal.interface.ifa_prefixlen = static_cast<uint8_t>(prefix);
-    // A narrower scope would put it before the interface's own address, as the source of all else.
-    removal.interface.ifa_scope = RT_SCOPE_UNIVERSE;
     removal.interface.ifa_index = static_cast<unsigned>(link.index);
     removal.local.address = htonl(address);
     // Told beforehand: a signal that comes first removes an address that is not there.

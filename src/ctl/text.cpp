@@ -74,21 +74,19 @@ size_t DisplayWidth(const char *text) {
 }
 
 void PrintCell(const char *text, size_t width) {
-    const bool cut = width > 0 && DisplayWidth(text) > width;
-    size_t left = cut ? width - 1 : width;
-    size_t length;
-    for (; *text != '\0'; text += length) {
-        const size_t next = CodePointWidth(ReadCodePoint(text, &length));
-        if (cut && next > left) {
+    const size_t whole = DisplayWidth(text);
+    const bool cut = width > 0 && whole > width;
+    size_t left = cut ? width - 1 : width > whole ? width : whole;
+    const char *end = text;
+    for (size_t length; *end != '\0'; end += length) {
+        const size_t next = CodePointWidth(ReadCodePoint(end, &length));
+        if (next > left) {
             break;
         }
-        printf("%.*s", static_cast<int>(length), text);
-        left -= width > 0 ? next : 0;
+        left -= next;
     }
-    if (cut) {
-        putchar('~');
-    }
-    printf("%*s", static_cast<int>(left), "");
+    printf("%.*s%s%*s", static_cast<int>(end - text), text, cut ? "~" : "", static_cast<int>(left),
+           "");
 }
 
 int TerminalColumns(int descriptor) {

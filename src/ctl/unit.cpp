@@ -43,14 +43,10 @@ bool Unit::HasMac() const {
     return (mac[0] & 1) == 0 && memcmp(mac, kNobody, sizeof mac) != 0;
 }
 
-void Unit::Place(const Links &links, int number) {
-    link = number;
-    bool fitting = false;
-    for (int i = 0; i < links.count; ++i) {
-        fitting |= (number == -1 || number == i) && links.link[i].Fits(ip);
-    }
-    fits = ip == 0 ? -1 : fitting;
-    CopyText(interface, number == -1 ? "" : links.link[number].name);
+void Unit::Place(const Links &links, const Link *at) {
+    link = at;
+    fits = ip == 0 ? -1 : at ? at->Fits(ip) : links.Fit(ip);
+    CopyText(interface, at ? at->name : "");
 }
 
 // Reads a MAC address. Returns where it ends; null when there is none.
@@ -104,10 +100,11 @@ bool ReadUnitText(const char *text, Unit *unit) {
     const char *fields[kMostFields + 1] = {text};
     int count = 0;
     int mac = -1;
+    uint8_t bytes[ETH_ALEN];
     do {
         const size_t length = strcspn(text, ",");
         if (mac == -1 && count >= kMac && length == kMacTextLength &&
-            SkipMac(text, unit->mac) == text + length) {
+            SkipMac(text, bytes) == text + length) {
             mac = count;
         }
         // The receiver of a package does not count empty fields.
@@ -120,13 +117,18 @@ bool ReadUnitText(const char *text, Unit *unit) {
         CopyText(unit->info.note, fields[0]);
         return true;
     }
+    // What is too much before the MAC is the name's.
+    const int more = mac - kMac;
+    count -= more;
+    for (int i = kName + 1; i <= count; ++i) {
+        fields[i] = fields[i + more];
+    }
     char *out = reinterpret_cast<char *>(&unit->info);
     for (int i = 0; i < kPackageFields; ++i) {
-        const int from = i > kName ? mac + i - kMac : i;
-        const int behind = i == kName ? mac + kName - kMac + 1 : i == kNote ? count : from + 1;
-        const auto length = from < behind && behind <= count ? fields[behind] - fields[from] : 1;
-        snprintf(out, kTextSizes[i], "%.*s", static_cast<int>(length - 1),
-                 from < count ? fields[from] : "");
+        if (i < count) {
+            const auto length = fields[i == kNote ? count : i + 1] - fields[i] - 1;
+            snprintf(out, kTextSizes[i], "%.*s", static_cast<int>(length), fields[i]);
+        }
         out += kTextSizes[i];
     }
     CopyText(unit->nameServers, unit->info.dns);
@@ -212,14 +214,14 @@ Unit *UnitList::Find(const Unit &unit) {
 Unit *UnitList::Take(const Unit &unit) {
     Unit *known = Find(unit);
     const int heard = known ? known->heard : 0;
-    if (!units_) {
-        // The kernel gives memory to what is written alone.
-        units_ = ZeroedBlock<Unit>(kMostUnits * sizeof unit);
-    }
-    if (!known && (!units_ || count_ == kMostUnits)) {
-        return nullptr;
-    }
     if (!known) {
+        if (!units_) {
+            // The kernel gives memory to what is written alone.
+            units_ = ZeroedBlock<Unit>(kMostUnits * sizeof unit);
+        }
+        if (!units_ || count_ == kMostUnits) {
+            return nullptr;
+        }
         known = begin() + count_++;
     }
     *known = unit;

@@ -31,20 +31,20 @@ struct Unit {
     Address secondDns;
     int prefix;  // -1 also for a netmask with holes
     int dhcp;
-    int fields;  // what a native answer carried; kPackageFields when it was whole
-    int heard;   // how often
-    int link;    // on which link; -1 when another unit told
-    int fits;    // whether its address lies in a subnet of that link
+    int fields;        // what a native answer carried; kPackageFields when it was whole
+    int heard;         // how often
+    int fits;          // whether its address lies in a subnet of the link
+    const Link *link;  // on which it was heard; null when another unit told
     char interface[IFNAMSIZ];
 
     bool IsWhole() const { return kirvex || fields == kPackageFields; }
     // Whether it says a MAC address of one station.
     bool HasMac() const;
-    bool IsHeardOnce() const { return heard == 1 && link >= 0; }
+    bool IsHeardOnce() const { return heard == 1 && link; }
     // What names a unit among others.
     bool IsSameAs(const Unit &other) const;
-    // Notes on which link it was heard.
-    void Place(const Links &links, int number);
+    // Notes on which link it was heard, or that another unit told, who may mean any.
+    void Place(const Links &links, const Link *at);
 };
 
 // Reads the text of a native package (inverted back, zero-terminated). An answer with other than

@@ -195,7 +195,7 @@ def test_refuses_what_would_go_wrong(net):
             (["set", "hall", *fits, "--gateway", "10.0.0.1"], 2, "not in the subnet"),
             (["set", "hall", *fits, "--gateway", "192.168.1.50"], 2, "can't be the gateway"),
             (["set", "hall", *fits, "--dns", "1.2.3.4\nx"], 2, "is no address"),
-            (["set", "hall", "--address", "192.168.1.22/24"], 2, f"refused: unit {store.macs[0]} has"),
+            (["set", "hall", "--address", "192.168.1.22/24"], 2, f"refused: {store.macs[0]} has"),
             (["set", "hall", "--address", "192.168.1.99/24"], 2, "refused: 02:.* has 192.168.1.99"),
             (["set", "hall", "--address", "192.168.1.20/24"], 2, "refused: this machine has"),
             (["set", "bare", *fits], 2, "refused: the unit reports no name server"),

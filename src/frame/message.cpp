@@ -74,11 +74,12 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
 }
 
 int frame::Report(MessageOrigin origin, int line, const char *format, ...) {
-    const char *function = origin + strlen(origin) + 1;
+    const char *source = reinterpret_cast<const char *>(origin);
+    const char *function = source + strlen(source) + 1;
     va_list arguments;
     va_start(arguments, format);
     const int written =
-        Print(origin, line, *function != '\0' ? function : nullptr, format, arguments);
+        Print(source, line, *function != '\0' ? function : nullptr, format, arguments);
     va_end(arguments);
     return written;
 }

@@ -15,9 +15,15 @@ int COM_Message(const char *file, int line, const char *function, const char *fo
 // something to say.
 unsigned COM_CountMessages();
 
-// In whose name a message is: the source tag and behind its zero byte the public function's name,
-// which is empty for none. TQ_ORIGIN makes it, of a tag and a name that the compiler knows.
-using MessageOrigin = const char *;
+namespace frame {
+
+struct Origin {};
+
+}  // namespace frame
+
+// In whose name a message is: two texts with their zero bytes, the source tag and the public
+// function's name, which is empty for none. TQ_ORIGIN alone makes it, of what the compiler knows.
+using MessageOrigin = const frame::Origin *;
 
 namespace frame {
 
@@ -26,7 +32,7 @@ int Report(MessageOrigin origin, int line, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
 template <size_t kTagSize, size_t kNameSize>
-struct OriginText {
+struct OriginText : Origin {
     char text[kTagSize + kNameSize];
 
     consteval OriginText(const char (&tag)[kTagSize], const char (&name)[kNameSize]) {
@@ -48,7 +54,7 @@ inline constexpr OriginText kOriginText = kOrigin;
 
 // The .cpp names its source tag once:
 //     static constexpr char kSource[] = "COMMON";
-#define TQ_ORIGIN(function) (frame::kOriginText<frame::OriginText(kSource, function)>.text)
+#define TQ_ORIGIN(function) (&frame::kOriginText<frame::OriginText(kSource, function)>)
 
 // A diagnostic in one line of code.
 #define TQ_LOG(...) TQ_LOG_FOR(TQ_ORIGIN(__func__), __VA_ARGS__)

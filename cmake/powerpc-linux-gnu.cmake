@@ -11,11 +11,12 @@ set(ENV{QEMU_LD_PREFIX} /usr/powerpc-linux-gnu)
 # The board's pages may be 64 KB. The linker ends what RELRO protects on a page of that size, which can make the file
 # twice as large, depending on where the code ends.
 set(TQ_RELRO OFF CACHE BOOL "Make the program's own tables read-only before it starts")
-# Nothing here computes with fractions: with the first option a caller of printf need not say each time that there are none.
 # Each register that a function saves costs it two words unless a routine restores them together, which no function can have
 # that ends in a jump to another one; and what is kept in registers for the length of a loop makes more to save.
 set(TQ_MACHINE_OPTIONS
-    -msoft-float -fno-optimize-sibling-calls -fno-move-loop-invariants -fno-tree-loop-im
+    -fno-optimize-sibling-calls -fno-move-loop-invariants -fno-tree-loop-im
     CACHE STRING "Compiler options that suit the machine")
+# tqctl computes with no fractions: a caller of printf need not say each time that there are none. The library's callers may.
+set(TQ_TOOL_OPTIONS -msoft-float CACHE STRING "Those for tqctl alone")
 # A position-independent tqctl is a tenth larger here, and it runs for seconds, at a technician's word.
 set(TQ_TOOL_PIE OFF CACHE BOOL "Let the kernel choose where tqctl lies in memory")

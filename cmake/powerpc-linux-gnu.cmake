@@ -12,9 +12,10 @@ set(ENV{QEMU_LD_PREFIX} /usr/powerpc-linux-gnu)
 # twice as large, depending on where the code ends.
 set(TQ_RELRO OFF CACHE BOOL "Make the program's own tables read-only before it starts")
 # Each register that a function saves costs it two words unless a routine restores them together, which no function can have
-# that ends in a jump to another one; and what is kept in registers for the length of a loop makes more to save.
+# that ends in a jump to another one; what is kept in registers for the length of a loop makes more to save; and a loop that
+# counts in the register for it loads that first.
 set(TQ_MACHINE_OPTIONS
-    -fno-optimize-sibling-calls -fno-move-loop-invariants -fno-tree-loop-im
+    -fno-optimize-sibling-calls -fno-move-loop-invariants -fno-tree-loop-im -fno-branch-count-reg
     CACHE STRING "Compiler options that suit the machine")
 # tqctl computes with no fractions: a caller of printf need not say each time that there are none. The library's callers may.
 set(TQ_TOOL_OPTIONS -msoft-float CACHE STRING "Those for tqctl alone")

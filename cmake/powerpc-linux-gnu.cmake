@@ -19,5 +19,7 @@ set(TQ_MACHINE_OPTIONS
     CACHE STRING "Compiler options that suit the machine")
 # tqctl computes with no fractions: a caller of printf need not say each time that there are none. The library's callers may.
 set(TQ_TOOL_OPTIONS -msoft-float CACHE STRING "Those for tqctl alone")
-# A position-independent tqctl is a tenth larger here, and it runs for seconds, at a technician's word.
+# A position-independent tqctl is an eighth larger here, a guarded one a fifteenth, and it runs for seconds, at a technician's
+# word.
+set(TQ_TOOL_GUARDS OFF CACHE BOOL "Guard the stack and the buffers of tqctl at run time")
 set(TQ_TOOL_PIE OFF CACHE BOOL "Let the kernel choose where tqctl lies in memory")

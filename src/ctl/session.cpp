@@ -67,7 +67,7 @@ static int CommonPrefix(Address left, Address right) {
 // A free address next to another one, so that it lies in the same subnet, however small; 0 when
 // there is none.
 static Address FindNeighbour(const Link &link, Address address, Address gateway) {
-    static constexpr int8_t kSteps[] = {1, -1, 2, -2, 3, -3};
+    static constexpr int16_t kSteps[] = {1, -1, 2, -2, 3, -3};
     for (const int step : kSteps) {
         const Address candidate = address + static_cast<Address>(step);
         const Address last = candidate & 0xFF;

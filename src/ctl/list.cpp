@@ -63,8 +63,7 @@ static void PrintEvent(Session &session, char sign, const char *event, const Uni
     }
 }
 
-// Compares what was known with what is heard now; `misses` counts for each known unit how often in
-// a row it was not.
+// Compares what was known with what is heard now.
 static void PrintChanges(Session &session, UnitList &known) {
     KeepWanted(session);
     for (const Unit &heard : session.survey.units()) {
@@ -98,12 +97,11 @@ static void PrintChanges(Session &session, UnitList &known) {
     }
 }
 
-static int ConnectTo(Address ip) {
-    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+static bool Connect(int sock, Address ip) {
     const sockaddr_in peer = InternetAddress(htonl(ip), TQ_SERVER_PORT);
     const timeval limit{10, 0};
     setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    return connect(sock, AsSockaddr(peer), sizeof peer) == 0 ? sock : -1;
+    return connect(sock, AsSockaddr(peer), sizeof peer) == 0;
 }
 
 // Reads to the end of the connection. Returns the bytes.
@@ -129,8 +127,8 @@ static void TakeTold(Unit &unit, void *context) {
 static void AskVia(Session &session) {
     const char *via = session.options.via;
     FindLinks(session.options, &session.links);  // which addresses would fit here
-    const UniqueFd sock(ConnectTo(ReadOption("unit", via)));
-    if (!sock) {
+    const UniqueFd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!Connect(sock.get(), ReadOption("unit", via))) {
         __extension__ Fail(
             kNoUnit,
             "can't reach %s, TCP port %d: %m. Is it a native unit's address, and does every "

@@ -64,8 +64,8 @@ int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask) 
     char buffer[256];
     CopyText(buffer, text);
     in_addr dotted;
-    char *rest = nullptr;
-    const char *token = strtok_r(buffer, kDelimiters, &rest);
+    char *rest = buffer;
+    const char *token = NextToken(&rest, kDelimiters);
     if (!token) {
         return -1;
     }
@@ -74,7 +74,7 @@ int COM_ConvertNetworkAddr(const char *text, uint32_t *address, uint32_t *mask) 
         return -1;
     }
     *address = dotted.s_addr;
-    token = strtok_r(nullptr, kDelimiters, &rest);
+    token = NextToken(&rest, kDelimiters);
     if (token) {
         ParseMask(token, mask);
     }

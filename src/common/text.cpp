@@ -75,6 +75,27 @@ const char *COM_GetStrBeforeNewLine(const char *text, const char *key, char *out
     return value;
 }
 
+char *NextToken(char **text, const char *delimiters) {
+    const auto delimits = [delimiters](char c) {
+        const char *one = delimiters;
+        while (*one != '\0' && *one != c) {
+            ++one;
+        }
+        return *one == c;  // the end too
+    };
+    char *token = *text;
+    while (*token != '\0' && delimits(*token)) {
+        ++token;
+    }
+    char *end = token;
+    while (!delimits(*end)) {
+        ++end;
+    }
+    *text = *end == '\0' ? end : end + 1;
+    *end = '\0';
+    return end == token ? nullptr : token;
+}
+
 int ParseInt(const char *text) {
     const long value = strtol(text, nullptr, 10);
     return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));

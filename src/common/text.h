@@ -35,6 +35,10 @@ const char *CopyQuotedValue(const char *text, const char *key, char *out, int si
 // pointer to the value in `text`; null when the key or the line end is missing.
 const char *COM_GetStrBeforeNewLine(const char *text, const char *key, char *out, int size);
 
+// Cuts the next token off a text: passes over leading delimiters, ends the token where the next one
+// stands, and leaves *text behind that. Returns the token, or null at the text's end.
+char *NextToken(char **text, const char *delimiters);
+
 // The number that a text begins with, as atoi reads it: blanks, a sign, digits; 0 without digits.
 // One that an int can't hold gives the int nearest to it, whatever the width of long.
 int ParseInt(const char *text);

@@ -100,8 +100,7 @@ int COM_System(const char *command, pid_t *pid) {
 // or one is too long.
 static int SplitWords(char *line, std::array<char *, kMaxWords + 1> *words) {
     size_t count = 0;
-    char *rest = nullptr;
-    for (char *word = strtok_r(line, " ", &rest); word; word = strtok_r(nullptr, " ", &rest)) {
+    while (char *word = NextToken(&line, " ")) {
         if (count == kMaxWords || strlen(word) > kMaxWordLength) {
             errno = E2BIG;
             return -1;

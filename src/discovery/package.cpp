@@ -103,14 +103,13 @@ static bool IsAcceptable(const char *token, FieldRule rule, int type) {
 static int ReadFields(char *text, UnitInfo *record, size_t *count) {
     static constexpr char kSeparators[] = ",\n";
     *count = 0;
-    char *rest = nullptr;
-    char *token = strtok_r(text, kSeparators, &rest);
+    const char *token = NextToken(&text, kSeparators);
     if (!token) {
         return -1;
     }
     const int type = ParseInt(token);
     while (type != -1 && *count < kFields.size()) {
-        token = strtok_r(nullptr, kSeparators, &rest);
+        token = NextToken(&text, kSeparators);
         if (!token) {
             break;
         }

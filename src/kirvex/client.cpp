@@ -164,11 +164,10 @@ static in_addr AddressOf(const char *text) {
 static void ReadMacText(const char *text, uint8_t (&mac)[kx::kMac.size]) {
     char copy[sizeof(UnitInfo::mac)];
     CopyText(copy, text);
-    char *rest = nullptr;
-    const char *token = strtok_r(copy, " :-", &rest);
-    for (size_t i = 0; token && i < sizeof mac; ++i) {
-        mac[i] = static_cast<uint8_t>(strtoul(token, nullptr, 16));
-        token = strtok_r(nullptr, " :-", &rest);
+    char *rest = copy;
+    for (uint8_t &byte : mac) {
+        const char *token = NextToken(&rest, " :-");
+        byte = token ? static_cast<uint8_t>(strtoul(token, nullptr, 16)) : byte;
     }
 }
 

@@ -87,9 +87,9 @@ int DNS_GetNameServer(char *ns1, char *ns2, char *ns3, char *ns4) {
         }
         // A tab is not a delimiter: a line with one names no server.
         static constexpr char kDelimiters[] = " \r\n";
-        char *rest = nullptr;
-        strtok_r(line, kDelimiters, &rest);
-        if (const char *address = strtok_r(nullptr, kDelimiters, &rest)) {
+        char *rest = line;
+        NextToken(&rest, kDelimiters);
+        if (const char *address = NextToken(&rest, kDelimiters)) {
             CopyText(slots[count++], kDnsNameServerSize, address);
         }
     }

@@ -96,11 +96,8 @@ static void WriteNoAddress(AddressForm form, void *output) {
 template <size_t kCount>
 static std::array<char *, kCount> SplitLine(char *line, const char *delimiters) {
     std::array<char *, kCount> tokens{};
-    char *rest = nullptr;
-    char *token = strtok_r(line, delimiters, &rest);
-    for (size_t i = 0; i < kCount && token; ++i) {
-        tokens[i] = token;
-        token = strtok_r(nullptr, delimiters, &rest);
+    for (char *&token : tokens) {
+        token = NextToken(&line, delimiters);
     }
     return tokens;
 }

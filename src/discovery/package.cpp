@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -47,17 +48,32 @@ static constexpr std::array<PackageField, 11> kFields = {{
 
 #undef TQ_PACKAGE_FIELD
 
+// Writes the magic word and the type as two digits. Returns the text's end.
+static char *WriteHead(TQ_PackageType type, char *out) {
+    memcpy(out, kMagic, kMagicLength);
+    out += kMagicLength;
+    *out++ = ',';
+    *out++ = '0';
+    *out++ = static_cast<char>('0' + type);
+    return out;
+}
+
+// Writes a comma and a text. Returns the text's end.
+static char *WriteField(const char *text, size_t length, char *out) {
+    *out++ = ',';
+    memcpy(out, text, length);
+    return out + length;
+}
+
 size_t discovery::WriteUnitText(TQ_PackageType type, const UnitInfo &record, char *out) {
     const char *bytes = reinterpret_cast<const char *>(&record);
-    size_t length = static_cast<size_t>(snprintf(out, kUnitTextSize, "%s,%02d", kMagic, type));
+    char *end = WriteHead(type, out);
     for (const PackageField &field : kFields) {
-        const size_t textLength = strnlen(bytes + field.offset, field.size - 1);
-        out[length++] = ',';
-        memcpy(out + length, bytes + field.offset, textLength);
-        length += textLength;
+        const char *text = bytes + field.offset;
+        end = WriteField(text, strnlen(text, field.size - 1), end);
     }
-    out[length++] = '\0';
-    return length;
+    *end++ = '\0';
+    return static_cast<size_t>(end - out);
 }
 
 size_t discovery::EncodeTexts(std::span<char> texts, char *out) {
@@ -68,9 +84,10 @@ size_t discovery::EncodeTexts(std::span<char> texts, char *out) {
 
 size_t discovery::EncodeQuery(const char *model, char *out) {
     char text[kUnitTextSize];
-    const int length = snprintf(text, sizeof text, "%s,%02d,%.*s", kMagic, TQ_PACKAGE_QUERY,
-                                static_cast<int>(sizeof UnitInfo::model) - 1, model);
-    return EncodeTexts({text, static_cast<size_t>(length) + 1}, out) + 1;
+    const size_t length = std::min(strlen(model), sizeof UnitInfo::model - 1);
+    char *end = WriteField(model, length, WriteHead(TQ_PACKAGE_QUERY, text));
+    *end++ = '\0';
+    return EncodeTexts({text, end}, out) + 1;
 }
 
 size_t discovery::EncodeUnit(TQ_PackageType type, const UnitInfo &record, char *out) {

@@ -1,6 +1,7 @@
 #include "kirvex/search.h"
 
-#include <cstdlib>
+#include <chrono>
+#include <cstdint>
 #include <ctime>
 
 #include "common/text.h"
@@ -28,13 +29,21 @@ int KIRVEX_GetDHCPStatus(const char *device) {
     return status;
 }
 
+// The time of day in UTC as 14 digits. strftime would cost as much as a file; the kernel keeps its
+// clock between the years 1970 and 2262.
 static void SetNow(kx::Reply &reply) {
+    static constexpr int kDay = 24 * 60 * 60;
     const time_t now = time(nullptr);
-    tm utc;
-    char text[kx::kDateTime.size] = {};
-    // A clock past the year 99999 fits neither the record nor the field, which then stays empty.
-    if (gmtime_r(&now, &utc) && strftime(text, sizeof text, "%Y%m%d%H%M%S", &utc) > 0) {
-        reply.Set(kx::kDateTime, text);
+    const std::chrono::year_month_day date{std::chrono::sys_days(std::chrono::days(now / kDay))};
+    const int year = static_cast<int>(date.year());
+    const int month = static_cast<int>(static_cast<unsigned>(date.month()));
+    const int day = static_cast<int>(static_cast<unsigned>(date.day()));
+    const int second = static_cast<int>(now % kDay);
+    uint8_t *out = reply.packet + kx::kDateTime.offset;
+    for (const int pair :
+         {year / 100, year % 100, month, day, second / 3600, second / 60 % 60, second % 60}) {
+        *out++ = static_cast<uint8_t>('0' + pair / 10);
+        *out++ = static_cast<uint8_t>('0' + pair % 10);
     }
 }
 

@@ -27,20 +27,15 @@ int COM_SetSocketTimeout(int sock, int seconds) {
 int WaitForSocket(int sock, short events, timeval *remaining) {
     pollfd wanted{sock, events, 0};
     timeval end = MonotonicTime();
-    if (remaining) {
-        timeradd(&end, remaining, &end);
-    }
+    timeradd(&end, remaining, &end);
     int ready;
     do {
-        timespec wait{};
-        if (remaining) {
-            wait = {remaining->tv_sec, remaining->tv_usec * 1000};
-        }
-        ready = ppoll(&wanted, 1, remaining ? &wait : nullptr, nullptr);
+        const timespec wait{remaining->tv_sec, remaining->tv_usec * 1000};
+        ready = ppoll(&wanted, 1, &wait, nullptr);
         const timeval now = MonotonicTime();
-        if (remaining && ready != 0 && timercmp(&now, &end, <)) {
+        if (ready != 0 && timercmp(&now, &end, <)) {
             timersub(&end, &now, remaining);
-        } else if (remaining) {
+        } else {
             *remaining = {};
         }
     } while (ready == -1 && errno == EINTR);

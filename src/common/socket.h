@@ -8,8 +8,7 @@
 int COM_SetSocketTimeout(int sock, int seconds);
 
 // Waits for poll `events` on a descriptor, at most *remaining, from which the time used is taken
-// off; a null `remaining` waits for ever, and a signal ends no wait. Returns 1 when ready, 0 when
-// the time is over, -1 with errno set.
+// off; a signal ends no wait. Returns 1 when ready, 0 when the time is over, -1 with errno set.
 int WaitForSocket(int sock, short events, timeval *remaining);
 
 // Binds a socket to a port that a process killed a moment ago may still have: until all its sockets

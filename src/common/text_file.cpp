@@ -1,6 +1,7 @@
 #include "common/text_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,13 +10,65 @@
 
 static constexpr char kKernelTables[] = "/proc/";
 
+static KeptTables *kept;
+
+KeptTables::KeptTables() {
+    kept = this;
+}
+
+KeptTables::~KeptTables() {
+    kept = nullptr;
+}
+
+KeptTables::operator bool() const {
+    return interfaces_ || routes_;
+}
+
+void KeptTables::Close() {
+    interfaces_.reset();
+    routes_.reset();
+}
+
+UniqueFd *KeptTables::PlaceFor(const char *path) {
+    if (kept && strcmp(path, "/proc/net/dev") == 0) {
+        return &kept->interfaces_;
+    }
+    if (kept && strcmp(path, "/proc/net/route") == 0) {
+        return &kept->routes_;
+    }
+    return nullptr;
+}
+
+// What has a size stands in for a table, and another file may come to stand in its place.
+static bool IsWrittenWhenRead(int file) {
+    struct stat about;
+    return fstat(file, &about) == 0 && about.st_size == 0;
+}
+
 // A read of a kernel's table may end with any of its records; one of another file that brings less
 // than it was asked for has met the end.
 TextFile::TextFile(const char *path)
-    : file_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)),
-      comesInPieces_(strncmp(path, kKernelTables, strlen(kKernelTables)) == 0) {}
+    : keep_(KeptTables::PlaceFor(path)),
+      comesInPieces_(strncmp(path, kKernelTables, strlen(kKernelTables)) == 0) {
+    if (keep_) {
+        file_ = std::move(*keep_);
+    }
+    if (file_ && lseek(file_.get(), 0, SEEK_SET) == 0) {
+        return;
+    }
+    file_.reset(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (keep_ && file_ && !IsWrittenWhenRead(file_.get())) {
+        keep_ = nullptr;
+    }
+}
 
 TextFile::TextFile(UniqueFd file) : file_(std::move(file)), comesInPieces_(true) {}
+
+TextFile::~TextFile() {
+    if (keep_ && !failed_) {
+        *keep_ = std::move(file_);
+    }
+}
 
 bool TextFile::ReadBlock() {
     if (ended_) {

@@ -5,6 +5,33 @@
 
 #include "common/owners.h"
 
+// While one lives, the kernel's tables of interfaces and routes stay open behind the TextFiles that
+// have read them, for the next to read from their beginning: the kernel writes them afresh for that
+// as well, and opening one takes it longer than all other look-ups of an answer. One at a time may
+// live.
+class KeptTables {
+  public:
+    // A server that has been asked nothing for so long closes them, and holds nothing at rest.
+    static constexpr int kSeconds = 1;
+
+    KeptTables();
+    ~KeptTables();
+    KeptTables(const KeptTables &) = delete;
+    KeptTables &operator=(const KeptTables &) = delete;
+
+    // Whether any is open.
+    explicit operator bool() const;
+    void Close();
+
+  private:
+    friend class TextFile;
+    // Where the table of this path is kept; null for other files, and while none are kept.
+    static UniqueFd *PlaceFor(const char *path);
+
+    UniqueFd interfaces_;
+    UniqueFd routes_;
+};
+
 // A text file that is read line by line, without a block from the heap. A pipe in its place does
 // not hold the reader until somebody writes, and a file without an end ends after a million lines.
 class TextFile {
@@ -13,6 +40,9 @@ class TextFile {
     explicit TextFile(const char *path);
     // Reads a file that is open already for as long as it gives anything.
     explicit TextFile(UniqueFd file);
+    ~TextFile();
+    TextFile(const TextFile &) = delete;
+    TextFile &operator=(const TextFile &) = delete;
     explicit operator bool() const { return static_cast<bool>(file_); }
 
     // Reads the next line, or kSize - 1 characters of it, as fgets does. One that a read error cuts
@@ -33,6 +63,8 @@ class TextFile {
   private:
     bool ReadBlock();
 
+    // Where the file is kept when this object ends; null if nowhere.
+    UniqueFd *keep_ = nullptr;
     UniqueFd file_;
     bool comesInPieces_;
     bool ended_ = false;

@@ -12,6 +12,7 @@
 #include "common/owners.h"
 #include "common/pause.h"
 #include "common/socket.h"
+#include "common/text_file.h"
 #include "config/network_setup.h"
 #include "config/process.h"
 #include "discovery/announce.h"
@@ -32,10 +33,6 @@ static constexpr size_t kMessageSize = 16384;
 // What an interface that is not there, or that has no hardware address, says of itself.
 static constexpr char kNoMac[] = "00:00:00:00:00:00";
 
-// How long after the last request the packet socket of the answers is kept: none waits for the
-// kernel to close it, which takes milliseconds, and a server at rest holds nothing.
-static constexpr int kKeepMilliseconds = 1000;
-
 using discovery::ListReply;
 using discovery::WaitingConnections;
 
@@ -50,7 +47,7 @@ class NativeServer {
     void ServeNext();
 
   private:
-    // Milliseconds until a connection's time or the packet socket's is over; -1 without either.
+    // Milliseconds until the time of a connection, or of what is kept, is over; -1 without either.
     int Patience() const;
     UniqueFd Accept();
     void ServeConnection(UniqueFd connection);
@@ -67,8 +64,10 @@ class NativeServer {
     UniqueFd listener_;
     UniqueFd udp_;
     WaitingConnections waiting_;
-    // What answers go out through, for as long as queries keep coming.
+    // What answers go out through, for as long as queries keep coming: none waits for the kernel to
+    // close it, which takes milliseconds.
     UniqueFd packetSocket_;
+    KeptTables tables_;
     // This unit on the interface that a setup package names. It is zeroed only here: every filling
     // after the first appends the identity files' texts once more, so only the first setup package
     // that gets so far can match (of a unit with such files). A second one needs a restart, and
@@ -111,7 +110,7 @@ void NativeServer::OpenUdpSocket() {
 }
 
 int NativeServer::Patience() const {
-    const int keep = packetSocket_ ? kKeepMilliseconds : -1;
+    const int keep = packetSocket_ || tables_ ? KeptTables::kSeconds * 1000 : -1;
     const int left = waiting_.TimeLeft();
     return keep < 0 || (left >= 0 && left < keep) ? left : keep;
 }
@@ -125,6 +124,7 @@ void NativeServer::ServeNext() {
     const int ready = poll(sockets.data(), 2 + waiting_.Watch(waiting), Patience());
     if (ready == 0) {
         packetSocket_.reset();
+        tables_.Close();
     }
     if (ready == -1) {
         return;

@@ -1,12 +1,14 @@
 #include "kirvex/server.h"
 
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "common/owners.h"
 #include "common/socket.h"
+#include "common/text_file.h"
 #include "config/process.h"
 #include "kirvex/account.h"
 #include "kirvex/endpoint.h"
@@ -105,15 +107,21 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
     static uint8_t packet[kx::kReceiveSize];
     sockaddr_in sender{};
     socklen_t senderSize = sizeof sender;
+    KeptTables tables;
+    timeval wait{};  // none: for ever
     while (true) {
-        if (WaitForSocket(sock.get(), POLLIN, nullptr) <= 0) {
-            continue;
-        }
         if (recvfrom(sock.get(), packet, sizeof packet, MSG_NOSIGNAL,
-                     reinterpret_cast<sockaddr *>(&sender), &senderSize) == -1) {
+                     reinterpret_cast<sockaddr *>(&sender), &senderSize) != -1) {
+            KIRVEX_ParserPkt(name, sock.get(), sender, packet);
+        } else if (errno == EAGAIN) {
+            tables.Close();
+        } else if (errno != EINTR) {
             TQ_LOG("recvfrom() failed! : %m\n");
-            continue;
         }
-        KIRVEX_ParserPkt(name, sock.get(), sender, packet);
+        const time_t seconds = tables ? KeptTables::kSeconds : 0;
+        if (wait.tv_sec != seconds) {
+            wait.tv_sec = seconds;
+            setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        }
     }
 }

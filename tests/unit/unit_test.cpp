@@ -6,6 +6,7 @@
 
 #include "common/address.h"
 #include "common/first_line.h"
+#include "common/text_file.h"
 #include "support/files.h"
 #include "unit/identity.h"
 #include "unit/interfaces.h"
@@ -195,6 +196,35 @@ TEST(NetInfo, GivesEveryFactInEveryForm) {
     COM_GetNetInfo(NETINFO_ARP_MAC_COLON, "192.168.1.7", mac);
     EXPECT_STREQ(mac, "00:00:00:00:00:00") << "of an address that another one begins with";
     Shell("ip route del default && ip route del 0.0.0.0/1");
+}
+
+TEST(NetInfo, AKeptTableShowsWhatHoldsNow) {
+    const auto gateway = [] {
+        char text[16];
+        COM_GetNetInfo(NETINFO_GATEWAY_STR, "eth0", text);
+        return std::string(text);
+    };
+    const auto interfaces = [] {
+        NetDeviceName *names = nullptr;
+        const int count = COM_GetAllNetDevice(&names);
+        free(names);
+        return count;
+    };
+    const int before = interfaces();
+    KeptTables tables;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(gateway(), kNoAddressText);
+        Shell("ip route add default via 192.168.1.1 && ip link add eth7 type veth peer name lan7");
+        EXPECT_EQ(gateway(), "192.168.1.1");
+        EXPECT_EQ(interfaces(), before + 2);
+        Shell("ip route replace default via 192.168.1.9 && ip link del eth7");
+        EXPECT_EQ(gateway(), "192.168.1.9");
+        EXPECT_EQ(interfaces(), before);
+        Shell("ip route del default");
+        EXPECT_TRUE(tables);
+        tables.Close();
+        EXPECT_FALSE(tables);
+    }
 }
 
 TEST(NetInfo, HasItsFailureValues) {

@@ -254,4 +254,4 @@ def compare(rounds, words):
 
 if __name__ == "__main__":
     lan.enter()
-    compare(int(sys.argv[1]) if len(sys.argv) > 1 else 3, sys.argv[2:])
+    compare(int(sys.argv[1]) if len(sys.argv) > 1 else 5, sys.argv[2:])

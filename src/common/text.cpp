@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -96,9 +97,20 @@ char *NextToken(char **text, const char *delimiters) {
     return end == token ? nullptr : token;
 }
 
+// strtol goes through the locale, which is cold when a request comes after a rest.
 int ParseInt(const char *text) {
-    const long value = strtol(text, nullptr, 10);
-    return static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
+    static constexpr unsigned kTooMuch = 3000000000;
+    while (*text == ' ' || (*text >= '\t' && *text <= '\r')) {
+        ++text;
+    }
+    const bool negative = *text == '-';
+    text += negative || *text == '+' ? 1 : 0;
+    unsigned value = 0;
+    for (; *text >= '0' && *text <= '9'; ++text) {
+        value = value < kTooMuch / 10 ? value * 10 + static_cast<unsigned>(*text - '0') : kTooMuch;
+    }
+    return negative ? static_cast<int>(-std::min<int64_t>(value, int64_t{INT_MAX} + 1))
+                    : static_cast<int>(std::min<unsigned>(value, INT_MAX));
 }
 
 HeapBlock<char> FormatText(const char *format, ...) {

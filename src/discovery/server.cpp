@@ -121,7 +121,8 @@ void NativeServer::ServeNext() {
     const WaitingConnections::PollSet waiting(&sockets[2], WaitingConnections::kMost);
     sockets[0] = {listener_.get(), POLLIN, 0};
     sockets[1] = {udp_.get(), POLLIN, 0};
-    const int ready = poll(sockets.data(), 2 + waiting_.Watch(waiting), Patience());
+    const size_t watched = waiting_.Watch(waiting);
+    const int ready = poll(sockets.data(), 2 + watched, Patience());
     if (ready == 0) {
         packetSocket_.reset();
         tables_.Close();
@@ -129,8 +130,11 @@ void NativeServer::ServeNext() {
     if (ready == -1) {
         return;
     }
-    waiting_.DropOverdue(waiting);
-    UniqueFd connection = waiting_.TakeReady(waiting);
+    UniqueFd connection;
+    if (watched > 0) {
+        waiting_.DropOverdue(waiting);
+        connection = waiting_.TakeReady(waiting);
+    }
     if (!connection && sockets[0].revents != 0) {
         connection = Accept();
     }

@@ -1,6 +1,7 @@
 #include "common/text_file.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,10 +40,14 @@ UniqueFd *KeptTables::PlaceFor(const char *path) {
     return nullptr;
 }
 
-// What has a size stands in for a table, and another file may come to stand in its place.
-static bool IsWrittenWhenRead(int file) {
+// What has a size stands in for a table, and another file may come to stand in its place. Where
+// descriptors are short, none is kept that a file or a client may need.
+static bool MayBeKept(int file) {
+    static constexpr rlim_t kSpare = 64;
     struct stat about;
-    return fstat(file, &about) == 0 && about.st_size == 0;
+    rlimit most;
+    return fstat(file, &about) == 0 && about.st_size == 0 && getrlimit(RLIMIT_NOFILE, &most) == 0 &&
+           static_cast<rlim_t>(file) + kSpare < most.rlim_cur;
 }
 
 // A read of a kernel's table may end with any of its records; one of another file that brings less
@@ -57,7 +62,7 @@ TextFile::TextFile(const char *path)
         return;
     }
     file_.reset(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (keep_ && file_ && !IsWrittenWhenRead(file_.get())) {
+    if (keep_ && file_ && !MayBeKept(file_.get())) {
         keep_ = nullptr;
     }
 }

@@ -18,12 +18,11 @@ template <class Print>
 static void CheckPrinted(Print print) {
     char *text = nullptr;
     size_t size = 0;
-    UniqueFile out(open_memstream(&text, &size));
     FILE *before = stdout;
-    stdout = out.get();
+    stdout = open_memstream(&text, &size);
     print();
+    fclose(stdout);
     stdout = before;
-    out.reset();
     const HeapBlock<char> owner(text);
     for (size_t i = 0; i < size; ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);

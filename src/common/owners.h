@@ -1,10 +1,8 @@
-// The owners of what the C library and the kernel hand out: heap blocks, descriptors, streams,
-// folders.
+// The owners of what the C library and the kernel hand out: heap blocks, descriptors, folders.
 #pragma once
 
 #include <dirent.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -58,13 +56,6 @@ class UniqueFd {
   private:
     int descriptor_ = -1;
 };
-
-// One stdio stream.
-struct FileClose {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
-using UniqueFile = std::unique_ptr<FILE, FileClose>;
 
 // One open directory.
 struct DirectoryClose {

@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         CheckReply(Drain(sender.get()));
         if (input.remaining_bytes() == 0) {
-            LeaveServer(sockets, count);
+            return LeaveServerAtRest(sockets, count);
         }
         SendDatagram(sender, kx::kPort, NextText(input));
         return Wait::kGoOn;

@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (input.remaining_bytes() == 0) {
             // A connection that the server closed first would keep the port from the next one.
             silent.clear();
-            LeaveServer(sockets, count);
+            return LeaveServerAtRest(sockets, count);
         }
         const std::string text = NextText(input);
         if (text[0] == '@') {

@@ -23,6 +23,8 @@ int __real_poll(pollfd *, nfds_t, int);
 int __real_ppoll(pollfd *, nfds_t, const timespec *, const sigset_t *);
 int __wrap_poll(pollfd *, nfds_t, int);
 int __wrap_ppoll(pollfd *, nfds_t, const timespec *, const sigset_t *);
+ssize_t __real_recvfrom(int, void *, size_t, int, sockaddr *, socklen_t *);
+ssize_t __wrap_recvfrom(int, void *, size_t, int, sockaddr *, socklen_t *);
 int __wrap_nanosleep(const timespec *, timespec *);
 pid_t __wrap_fork(void);
 int __wrap_kill(pid_t, int);
@@ -46,6 +48,17 @@ int __wrap_ppoll(pollfd *sockets, nfds_t count, const timespec *limit, const sig
         return 0;
     }
     return __real_ppoll(sockets, count, limit, mask);
+}
+
+ssize_t __wrap_recvfrom(int sock, void *data, size_t size, int flags, sockaddr *sender,
+                        socklen_t *senderSize) {
+    pollfd waiting{sock, POLLIN, 0};
+    if (gBeforeWait && (flags & MSG_DONTWAIT) == 0 &&
+        gBeforeWait(&waiting, 1, true) == Wait::kTimeOut) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return __real_recvfrom(sock, data, size, flags, sender, senderSize);
 }
 
 int __wrap_nanosleep(const timespec *, timespec *) {
@@ -82,6 +95,15 @@ void LeaveServer(pollfd *sockets, nfds_t count) {
         COM_CloseFd(&sockets[i].fd);
     }
     longjmp(gServerExit, 1);
+}
+
+Wait LeaveServerAtRest(pollfd *sockets, nfds_t count) {
+    static bool atRest = true;
+    atRest = !atRest;
+    if (atRest) {
+        LeaveServer(sockets, count);
+    }
+    return Wait::kTimeOut;
 }
 
 UniqueFd UdpSocket() {

@@ -45,6 +45,10 @@ void RunServer(Server serve) {
 }
 [[noreturn]] void LeaveServer(pollfd *sockets, nfds_t count);
 
+// Lets one wait end in vain, after which a server closes what it keeps between requests, and leaves
+// it at the next.
+Wait LeaveServerAtRest(pollfd *sockets, nfds_t count);
+
 // Sockets at 127.0.0.1.
 UniqueFd UdpSocket();
 void SendDatagram(const UniqueFd &sock, uint16_t port, const std::string &bytes);

@@ -29,16 +29,17 @@ int KIRVEX_GetDHCPStatus(const char *device) {
     return status;
 }
 
-// The time of day in UTC as 14 digits. strftime would cost as much as a file; the kernel keeps its
-// clock between the years 1970 and 2262.
+// The time in UTC as 14 digits, for which strftime would take as long as a file. The kernel's clock
+// ends in 2262; one that 32 bits can't hold any more goes on from 1901.
 static void SetNow(kx::Reply &reply) {
     static constexpr int kDay = 24 * 60 * 60;
     const time_t now = time(nullptr);
-    const std::chrono::year_month_day date{std::chrono::sys_days(std::chrono::days(now / kDay))};
+    const int second = static_cast<int>((now % kDay + kDay) % kDay);
+    const std::chrono::days today(now / kDay - (now % kDay < 0 ? 1 : 0));
+    const std::chrono::year_month_day date{std::chrono::sys_days(today)};
     const int year = static_cast<int>(date.year());
     const int month = static_cast<int>(static_cast<unsigned>(date.month()));
     const int day = static_cast<int>(static_cast<unsigned>(date.day()));
-    const int second = static_cast<int>(now % kDay);
     uint8_t *out = reply.packet + kx::kDateTime.offset;
     for (const int pair :
          {year / 100, year % 100, month, day, second / 3600, second / 60 % 60, second % 60}) {

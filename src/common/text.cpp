@@ -99,7 +99,7 @@ char *NextToken(char **text, const char *delimiters) {
 
 // strtol goes through the locale, which is cold when a request comes after a rest.
 int ParseInt(const char *text) {
-    static constexpr unsigned kTooMuch = 3000000000;
+    static constexpr unsigned kTooMuch = 3000000000;  // for an int; another digit would still fit
     while (*text == ' ' || (*text >= '\t' && *text <= '\r')) {
         ++text;
     }

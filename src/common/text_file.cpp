@@ -1,8 +1,9 @@
 #include "common/text_file.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,13 +41,14 @@ UniqueFd *KeptTables::PlaceFor(const char *path) {
     return nullptr;
 }
 
-// What has a size stands in for a table, and another file may come to stand in its place. Where
-// descriptors are short, none is kept that a file or a client may need.
+// What stands in for a table may be replaced by another file. And where descriptors are short, none
+// is kept that a file or a client may need.
 static bool MayBeKept(int file) {
     static constexpr rlim_t kSpare = 64;
-    struct stat about;
+    struct statfs about;
     rlimit most;
-    return fstat(file, &about) == 0 && about.st_size == 0 && getrlimit(RLIMIT_NOFILE, &most) == 0 &&
+    return fstatfs(file, &about) == 0 && about.f_type == PROC_SUPER_MAGIC &&
+           getrlimit(RLIMIT_NOFILE, &most) == 0 &&
            static_cast<rlim_t>(file) + kSpare < most.rlim_cur;
 }
 

@@ -11,7 +11,7 @@
 // live.
 class KeptTables {
   public:
-    // A server that has been asked nothing for so long closes them, and holds nothing at rest.
+    // A server that has received nothing for so long closes them, and holds nothing at rest.
     static constexpr int kSeconds = 1;
 
     KeptTables();

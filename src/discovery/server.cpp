@@ -234,7 +234,6 @@ void NativeServer::AnswerListRequest(const sockaddr_in &asker) {
 void NativeServer::SetUpNetwork(const UnitInfo &package) {
     TQ_LOG_FOR(kOrigin, "UDP - TQ_PACKAGE_NETWORK_SETUP [%s]\n", package.note);
     COM_GetUnitInfo(&own_, package.dev);
-    tables_.Close();
     // Zeros for a hardware address name no unit, but anybody can write them into a package, with a
     // dev that begins every stanza's.
     if (strcmp(own_.mac, kNoMac) != 0 && TQ_CheckUnitInfo(&own_, &package) == 0) {

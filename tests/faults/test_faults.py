@@ -64,7 +64,9 @@ def begin(host, *arguments, interfaces=INTERFACES):
 
 
 def left(host):
-    return host.run("ls /proc/$(cat /var/run/TQ.pid)/fd; ls -d /tmp/TQ_* /var/COM_* 2>/dev/null || :")
+    """The server's descriptors, but for the kernel's tables, which it keeps for a second, and temporary files."""
+    return host.run("ls -l /proc/$(cat /var/run/TQ.pid)/fd | sed -n '/\\/net\\//d; s/.* \\([0-9]*\\) -> .*/\\1/p'; "
+                    "ls -d /tmp/TQ_* /var/COM_* 2>/dev/null || :")
 
 
 def limit(host, what, before=()):

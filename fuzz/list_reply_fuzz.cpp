@@ -41,11 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     TQ_Cfg cfg{};
     UniqueFd client;
     bool asked = false;
-    gBeforeWait = [&](pollfd *sockets, nfds_t count, bool forever) {
-        if (forever) {
+    gBeforeWait = [&](pollfd *sockets, nfds_t count, bool) {
+        // The server waits for two sockets, its discovery for one.
+        if (count > 1) {
             if (asked) {
                 CheckReply(client ? Drain(client.get()) : "");
-                LeaveServer(sockets, count);
+                return LeaveServerAtRest(sockets, count);
             }
             asked = true;
             const std::string request = Package(kListRequest);

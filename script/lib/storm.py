@@ -119,7 +119,7 @@ class Watched:
             time.sleep(0.0002)
 
     def state(self):
-        time.sleep(0.1)  # a packet socket takes its time to close
+        time.sleep(1.5)  # what answers went through is kept for a second
         with open(f"{self.proc}/status") as status:
             anonymous = int(re.search(r"RssAnon:\s+(\d+)", status.read())[1])
         files = sum(len(names) for top in ("/tmp", "/var/tmp") for _, _, names in os.walk(top))

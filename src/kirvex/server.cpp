@@ -110,6 +110,8 @@ int TQ_Server_KIRVEX(const char *pidFile, const char *device) {
     KeptTables tables;
     timeval wait{};  // none: for ever
     while (true) {
+        // It waits here and not in poll(), which would be a system call more for each request; a
+        // process that was stopped and goes on has nothing to report.
         if (recvfrom(sock.get(), packet, sizeof packet, MSG_NOSIGNAL,
                      reinterpret_cast<sockaddr *>(&sender), &senderSize) != -1) {
             KIRVEX_ParserPkt(name, sock.get(), sender, packet);

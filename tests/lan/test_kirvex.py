@@ -29,10 +29,10 @@ def test_answers_in_a_row_show_what_holds_and_nothing_stays_open_behind_them(net
     descriptors = "ls /proc/$(cat /var/run/TQ.pid)/fd"
     at_rest = host.run(descriptors)
     for _ in range(2):
-        for change, gateway in ((["route replace default via 192.168.1.9"], "192.168.1.9"),
-                                (["route del default"], "0.0.0.0"),
-                                (["route add default via 192.168.1.1"], "192.168.1.1")):
-            lan.ip(*change, host=host)
+        for change, gateway in (("route replace default via 192.168.1.9", "192.168.1.9"),
+                                ("route del default", "0.0.0.0"),
+                                ("route add default via 192.168.1.1", "192.168.1.1")):
+            lan.ip(change, host=host)
             (_, reply), = net.desk.ask_kirvex(kirvex_request(SEARCH))
             assert socket.inet_ntoa(reply[302:306]) == gateway
         host.run("kill -STOP $(cat /var/run/TQ.pid) && kill -CONT $(cat /var/run/TQ.pid)")
